@@ -1,0 +1,48 @@
+# Locates the dependencies: Debian packages through their CMake packages, and
+# the ONNX Runtime and PFFFT copies that scripts/bootstrap.sh unpacks.
+find_package(Threads REQUIRED)
+find_package(xtl REQUIRED)
+find_package(xtensor REQUIRED)
+find_package(fmt REQUIRED)
+
+# spdlog compiled into our code (header-only) on top of header-only fmt, so the
+# library carries no logging library of its own at run time.
+find_path(SPDLOG_INCLUDE_DIR spdlog/spdlog.h REQUIRED)
+add_library(tonwerk_spdlog INTERFACE)
+target_include_directories(tonwerk_spdlog SYSTEM INTERFACE ${SPDLOG_INCLUDE_DIR})
+target_compile_definitions(tonwerk_spdlog INTERFACE SPDLOG_FMT_EXTERNAL)
+target_link_libraries(tonwerk_spdlog INTERFACE fmt::fmt-header-only Threads::Threads)
+
+# ONNX Runtime: headers at build time; the runtime library itself is loaded
+# on first use, never linked.
+if(ONNXRUNTIME_ROOT)
+  set(TONWERK_ORT_INCLUDE_DIR "${ONNXRUNTIME_ROOT}/include")
+  # Release folders ship lib/libonnxruntime.so.1 as a link to the versioned file.
+  set(TONWERK_ORT_RUNTIME "${ONNXRUNTIME_ROOT}/lib/libonnxruntime.so.1")
+else()
+  set(TONWERK_ORT_INCLUDE_DIR "${PROJECT_SOURCE_DIR}/third_party/onnxruntime/include")
+  set(TONWERK_ORT_RUNTIME "${PROJECT_SOURCE_DIR}/third_party/onnxruntime/lib/linux-x64/libonnxruntime.so.1")
+endif()
+if(NOT EXISTS "${TONWERK_ORT_INCLUDE_DIR}/onnxruntime_cxx_api.h" OR NOT EXISTS "${TONWERK_ORT_RUNTIME}")
+  message(FATAL_ERROR "ONNX Runtime not found (headers in ${TONWERK_ORT_INCLUDE_DIR}, runtime ${TONWERK_ORT_RUNTIME}). "
+                      "Run scripts/bootstrap.sh or pass -DONNXRUNTIME_ROOT=<release folder>.")
+endif()
+add_library(tonwerk_ort_headers INTERFACE)
+target_include_directories(tonwerk_ort_headers SYSTEM INTERFACE ${TONWERK_ORT_INCLUDE_DIR})
+target_compile_definitions(tonwerk_ort_headers INTERFACE ORT_API_MANUAL_INIT)
+# The name the library looks for next to itself.
+set(TONWERK_ORT_RUNTIME_NAME "libonnxruntime_pelagrin.so")
+
+# PFFFT: two C files compiled into a small static library.
+set(TONWERK_PFFFT_DIR "${PROJECT_SOURCE_DIR}/third_party/pffft")
+if(NOT EXISTS "${TONWERK_PFFFT_DIR}/pffft.c")
+  message(FATAL_ERROR "PFFFT sources not found in ${TONWERK_PFFFT_DIR}. Run scripts/bootstrap.sh.")
+endif()
+add_library(tonwerk_pffft STATIC "${TONWERK_PFFFT_DIR}/pffft.c")
+target_include_directories(tonwerk_pffft SYSTEM PUBLIC "${TONWERK_PFFFT_DIR}")
+target_link_libraries(tonwerk_pffft PRIVATE m)
+tonwerk_hidden(tonwerk_pffft)
+tonwerk_sanitize(tonwerk_pffft)
+
+# Test and default models are generated with Debian's python3-onnx.
+set(TONWERK_PYTHON /usr/bin/python3 CACHE FILEPATH "Python with the onnx and numpy modules")

@@ -1,0 +1,22 @@
+# Per-target settings shared by every target of the project; nothing here is
+# set globally so that dependencies build with their own flags.
+function(tonwerk_target_defaults target)
+  target_compile_options(${target} PRIVATE
+    $<$<COMPILE_LANGUAGE:CXX>:-Wall -Wextra -Wpedantic>)
+  tonwerk_sanitize(${target})
+endfunction()
+
+function(tonwerk_sanitize target)
+  if(TONWERK_SANITIZE)
+    target_compile_options(${target} PRIVATE -fsanitize=address,undefined -fno-omit-frame-pointer
+                                             -fno-sanitize-recover=undefined)
+    target_link_options(${target} PRIVATE -fsanitize=address,undefined)
+  endif()
+endfunction()
+
+# Hidden by default: only what the public header marks for export leaves the library.
+function(tonwerk_hidden target)
+  set_target_properties(${target} PROPERTIES
+    C_VISIBILITY_PRESET hidden CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON
+    POSITION_INDEPENDENT_CODE ON)
+endfunction()

@@ -1,0 +1,1 @@
+#include "api/inference_context_impl.h"

@@ -1,0 +1,1 @@
+#include "api/tonwerk_proc_impl.h"

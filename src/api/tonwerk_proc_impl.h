@@ -1,0 +1,31 @@
+// What a TonwerkProc handle owns: the chunk engine of one stream.
+#pragma once
+
+#include "inference/inference.h"
+#include "pipeline/chunk_processor.h"
+#include "tonwerk/tonwerk_proc_multistem.h"
+
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+namespace tonwerk {
+
+class TonwerkProcImpl {
+public:
+    TonwerkProcImpl(std::shared_ptr<InferenceContext>&& context, TonwerkProcConfig config);
+    ~TonwerkProcImpl();
+    TonwerkProcImpl(const TonwerkProcImpl&) = delete;
+    TonwerkProcImpl& operator=(const TonwerkProcImpl&) = delete;
+
+    std::vector<std::vector<float>> process(const std::vector<float>& input, bool eof);
+
+    std::unique_ptr<ChunkProcessor> chunkEngine;
+    bool interleaved = false;
+    bool spareFlag = false;
+    std::uint64_t channels = 2;
+    std::shared_ptr<IInference> backend;
+    std::shared_ptr<InferenceContext> context;
+};
+
+}  // namespace tonwerk

@@ -1,0 +1,106 @@
+#include "common/logging.h"
+
+#include <spdlog/details/log_msg.h>
+#include <spdlog/formatter.h>
+#include <spdlog/logger.h>
+#include <spdlog/sinks/stdout_sinks.h>
+
+#include <atomic>
+#include <chrono>
+#include <ctime>
+
+namespace tonwerk::log {
+namespace {
+
+constexpr Severity kThreshold = Severity::warning;
+
+// The severity travels in the record as spdlog's level; each of ours maps to
+// exactly one of spdlog's so the formatter can print our names back.
+spdlog::level::level_enum toSpdlog(Severity severity) {
+    switch (severity) {
+        case Severity::fatal: return spdlog::level::critical;
+        case Severity::error: return spdlog::level::err;
+        case Severity::warning: return spdlog::level::warn;
+        case Severity::info: return spdlog::level::info;
+        case Severity::debug: return spdlog::level::debug;
+        case Severity::verbose: return spdlog::level::trace;
+        case Severity::none: break;
+    }
+    return spdlog::level::off;
+}
+
+Severity fromSpdlog(spdlog::level::level_enum level) {
+    switch (level) {
+        case spdlog::level::critical: return Severity::fatal;
+        case spdlog::level::err: return Severity::error;
+        case spdlog::level::warn: return Severity::warning;
+        case spdlog::level::info: return Severity::info;
+        case spdlog::level::debug: return Severity::debug;
+        case spdlog::level::trace: return Severity::verbose;
+        default: return Severity::none;
+    }
+}
+
+class LineFormatter final : public spdlog::formatter {
+public:
+    void format(const spdlog::details::log_msg& msg, spdlog::memory_buf_t& dest) override {
+        const auto sinceEpoch = msg.time.time_since_epoch();
+        const std::time_t seconds = std::chrono::duration_cast<std::chrono::seconds>(sinceEpoch).count();
+        const auto millis = std::chrono::duration_cast<std::chrono::milliseconds>(sinceEpoch).count() % 1000;
+        std::tm local{};
+        localtime_r(&seconds, &local);
+        fmt::format_to(std::back_inserter(dest), "{}-{:02}-{:02} {:02}:{:02}:{:02}.{:03} {:<5} [{}] [{}@{}] ",
+                       local.tm_year + 1900, local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min,
+                       local.tm_sec, static_cast<int>(millis), severityName(fromSpdlog(msg.level)), msg.thread_id,
+                       msg.source.funcname ? msg.source.funcname : "", msg.source.line);
+        dest.append(msg.payload.begin(), msg.payload.end());
+        dest.push_back('\n');
+    }
+    std::unique_ptr<spdlog::formatter> clone() const override { return std::make_unique<LineFormatter>(); }
+};
+
+std::atomic<spdlog::logger*> activeLogger{nullptr};
+
+}  // namespace
+
+const char* severityName(Severity severity) {
+    switch (severity) {
+        case Severity::none: return "NONE";
+        case Severity::fatal: return "FATAL";
+        case Severity::error: return "ERROR";
+        case Severity::warning: return "WARN";
+        case Severity::info: return "INFO";
+        case Severity::debug: return "DEBUG";
+        case Severity::verbose: return "VERB";
+    }
+    return "NONE";
+}
+
+bool enabled(Severity severity) {
+    return severity != Severity::none && severity <= kThreshold && activeLogger.load() != nullptr;
+}
+
+void write(Severity severity, const char* function, int line, const std::string& message) {
+    spdlog::logger* logger = activeLogger.load();
+    if (logger == nullptr || !enabled(severity)) return;
+    logger->log(spdlog::source_loc{"", line, function}, toSpdlog(severity), spdlog::string_view_t(message));
+    logger->flush();
+}
+
+std::unique_ptr<LogSetup> LogSetup::trySetUp() {
+    if (activeLogger.load() != nullptr) return nullptr;
+    auto sink = std::make_shared<spdlog::sinks::stdout_sink_mt>();
+    sink->set_formatter(std::make_unique<LineFormatter>());
+    auto* logger = new spdlog::logger("tonwerk", std::move(sink));
+    logger->set_level(spdlog::level::trace);  // the threshold is applied by enabled()
+    spdlog::logger* expected = nullptr;
+    if (!activeLogger.compare_exchange_strong(expected, logger)) {
+        delete logger;
+        return nullptr;
+    }
+    return std::unique_ptr<LogSetup>(new LogSetup());
+}
+
+LogSetup::~LogSetup() { delete activeLogger.exchange(nullptr); }
+
+}  // namespace tonwerk::log

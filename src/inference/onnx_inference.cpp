@@ -1,0 +1,1 @@
+#include "inference/inference.h"

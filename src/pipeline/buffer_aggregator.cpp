@@ -1,0 +1,1 @@
+#include "pipeline/buffer_aggregator.h"

@@ -1,0 +1,42 @@
+// Fixed-capacity multichannel ring buffer at the entry of the chunk pipeline.
+#pragma once
+
+#include <xtensor/xarray.hpp>
+
+#include <cstddef>
+#include <cstdint>
+
+namespace tonwerk {
+
+// Single-threaded. With batch 1 it speaks {channels, samples}; otherwise
+// {batch, channels, samples}.
+class BufferAggregator {
+public:
+    BufferAggregator(std::size_t channels, std::size_t size, int batch);
+
+    // Appends `chunk` ({channels, n} or {batch, channels, n}). Throws
+    // std::runtime_error "Buffer overflow: cannot accept chunk of size <n>"
+    // when it does not fit; the buffer is then unchanged.
+    void push(const xt::xarray<float>& chunk);
+
+    // Copies out the oldest `requested` samples (all when 0) and discards all
+    // but the newest `keep` of them. Logs a warning and returns a
+    // dimensionless array when that many are not held.
+    xt::xarray<float> get(std::size_t requested, std::size_t keep);
+
+    // Copies out everything held and empties the buffer.
+    xt::xarray<float> flush();
+
+    std::size_t heldLength() const { return length; }
+    std::size_t capacity() const { return buffer.shape()[2]; }
+
+private:
+    xt::xarray<float> copyOut(std::size_t n) const;
+
+    xt::xarray<float> buffer;
+    std::size_t length = 0;
+    std::size_t start = 0;
+    std::int32_t batch;
+};
+
+}  // namespace tonwerk

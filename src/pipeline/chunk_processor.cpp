@@ -1,0 +1,1 @@
+#include "pipeline/chunk_processor.h"

@@ -1,0 +1,1 @@
+#include "pipeline/overlap_add_synthesizer.h"

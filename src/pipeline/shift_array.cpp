@@ -1,0 +1,1 @@
+#include "pipeline/shift_array.h"

@@ -1,0 +1,1 @@
+#include "spectral/pffft_transformer.h"

@@ -1,0 +1,1 @@
+#include "spectral/pre_processor.h"

@@ -1,1 +1,129 @@
 #include "pipeline/buffer_aggregator.h"
+
+#include "common/logging.h"
+
+#include <algorithm>
+#include <cstring>
+#include <stdexcept>
+#include <string>
+
+namespace tonwerk {
+namespace {
+
+// Copies `count` samples that start at ring position `from` (which may wrap)
+// into the contiguous `target`: at most two block copies.
+void readRing(const float* row, std::size_t size, std::size_t from, std::size_t count, float* target) {
+    const std::size_t first = std::min(count, size - from);
+    std::memcpy(target, row + from, first * sizeof(float));
+    std::memcpy(target + first, row, (count - first) * sizeof(float));
+}
+
+// Copies `count` contiguous samples into the ring from position `to` on.
+void writeRing(float* row, std::size_t size, std::size_t to, std::size_t count, const float* source) {
+    const std::size_t first = std::min(count, size - to);
+    std::memcpy(row + to, source, first * sizeof(float));
+    std::memcpy(row, source + first, (count - first) * sizeof(float));
+}
+
+}  // namespace
+
+BufferAggregator::BufferAggregator(std::size_t channels, std::size_t size, int batch) : batch(batch) {
+    TW_LOG(debug, "BufferAggregator::BufferAggregator")
+        << "BufferAggregator constructor - channels: " << channels << ", size: " << size << ", batch: " << batch;
+    // Ring positions are taken modulo the capacity.
+    if (size == 0) {
+        throw std::invalid_argument("BufferAggregator: capacity must not be 0");
+    }
+    if (batch < 0) {
+        throw std::invalid_argument("BufferAggregator: batch must not be negative, got " + std::to_string(batch));
+    }
+    buffer = xt::zeros<float>({static_cast<std::size_t>(batch), channels, size});
+    TW_LOG(verbose, "BufferAggregator::BufferAggregator") << "Buffer shape: [" << buffer.shape()[0] << ", "
+                                                          << buffer.shape()[1] << ", " << buffer.shape()[2] << "]";
+    TW_LOG(verbose, "BufferAggregator::BufferAggregator") << "Buffer total size: " << buffer.size() << " elements";
+}
+
+void BufferAggregator::push(const xt::xarray<float>& chunk) {
+    const std::size_t rank = chunk.dimension();
+    if (rank != 2 && rank != 3) {
+        throw std::invalid_argument("BufferAggregator: chunk must have rank 2 or 3, got rank " +
+                                    std::to_string(rank));
+    }
+    const std::size_t n = chunk.shape()[rank - 1];
+    const std::size_t size = capacity();
+    if (size - length < n) {
+        throw std::runtime_error("Buffer overflow: cannot accept chunk of size " + std::to_string(n));
+    }
+    const std::size_t rows = static_cast<std::size_t>(batch);
+    const std::size_t channels = buffer.shape()[1];
+    const std::size_t chunkChannels = chunk.shape()[rank - 2];
+    // A rank-3 chunk of one batch entry is broadcast like a rank-2 one.
+    const std::size_t chunkRows = rank == 3 ? chunk.shape()[0] : 1;
+    if (chunkChannels != channels || (chunkRows != rows && chunkRows != 1)) {
+        throw std::invalid_argument("BufferAggregator: chunk rows do not match the buffer's " +
+                                    std::to_string(rows) + "x" + std::to_string(channels));
+    }
+    if (n == 0) {
+        return;
+    }
+
+    const std::size_t write = (start + length) % size;
+    const float* source = chunk.data();
+    float* storage = buffer.data();
+    for (std::size_t b = 0; b < rows; ++b) {
+        const std::size_t sourceRow = chunkRows == 1 ? 0 : b;
+        for (std::size_t c = 0; c < channels; ++c) {
+            writeRing(storage + (b * channels + c) * size, size, write, n, source + (sourceRow * channels + c) * n);
+        }
+    }
+    length += n;
+}
+
+xt::xarray<float> BufferAggregator::get(std::size_t requested, std::size_t keep) {
+    const std::size_t n = requested != 0 ? requested : length;
+    if (length == 0 || length < n) {
+        TW_LOG(warning, "BufferAggregator::get")
+            << "BufferAggregator::get - cannot return requested size: " << n << ", current length: " << length;
+        return xt::xarray<float>();
+    }
+    // Keeping more than was taken would grow the held range past what was written.
+    if (keep > n) {
+        throw std::invalid_argument("BufferAggregator::get: keep " + std::to_string(keep) +
+                                    " exceeds the requested size " + std::to_string(n));
+    }
+    xt::xarray<float> result = copyOut(n);
+    const std::size_t consumed = n - keep;
+    start = (start + consumed) % capacity();
+    length -= consumed;
+    return result;
+}
+
+xt::xarray<float> BufferAggregator::flush() {
+    const std::size_t channels = buffer.shape()[1];
+    if (length == 0) {
+        if (batch < 2) {
+            return xt::xarray<float>::from_shape({channels, 0});
+        }
+        return xt::xarray<float>::from_shape({static_cast<std::size_t>(batch), channels, 0});
+    }
+    xt::xarray<float> result = copyOut(length);
+    length = 0;
+    start = 0;
+    return result;
+}
+
+xt::xarray<float> BufferAggregator::copyOut(std::size_t n) const {
+    const std::size_t rows = static_cast<std::size_t>(batch);
+    const std::size_t channels = buffer.shape()[1];
+    const std::size_t size = capacity();
+    xt::xarray<float> result = batch == 1 ? xt::xarray<float>::from_shape({channels, n})
+                                          : xt::xarray<float>::from_shape({rows, channels, n});
+    const float* storage = buffer.data();
+    float* target = result.data();
+    for (std::size_t row = 0; row < rows * channels; ++row) {
+        readRing(storage + row * size, size, start, n, target + row * n);
+    }
+    return result;
+}
+
+}  // namespace tonwerk

@@ -1,0 +1,120 @@
+#include "common/logging.h"
+
+#include <gtest/gtest.h>
+
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <ctime>
+#include <regex>
+#include <string>
+#include <thread>
+
+namespace tonwerk::log {
+namespace {
+
+std::string captured(const std::function<void()>& emit) {
+    testing::internal::CaptureStdout();
+    emit();
+    return testing::internal::GetCapturedStdout();
+}
+
+const std::regex kLine(R"((\d{4})-(\d\d)-(\d\d) (\d\d):(\d\d):(\d\d)\.(\d{3}) (.{5}) \[(\d+)\] \[([^@\]]+)@(\d+)\] (.*)\n)");
+
+TEST(Logging, LineLayoutMatchesTheTextFormat) {
+    auto setup = LogSetup::trySetUp();
+    ASSERT_NE(setup, nullptr);
+    const std::time_t before = std::time(nullptr);
+    int line = 0;
+    const std::string out = captured([&] {
+        line = __LINE__ + 1;
+        TW_LOG(warning, "BufferAggregator::get") << "cannot return requested size: " << 12 << ", eof=" << true;
+    });
+    std::smatch m;
+    ASSERT_TRUE(std::regex_match(out, m, kLine)) << out;
+    EXPECT_EQ(m[8].str(), "WARN ");
+    EXPECT_EQ(std::stoul(m[9].str()), static_cast<unsigned long>(::syscall(SYS_gettid)));
+    EXPECT_EQ(m[10].str(), "BufferAggregator::get");
+    EXPECT_EQ(std::stoi(m[11].str()), line);
+    EXPECT_EQ(m[12].str(), "cannot return requested size: 12, eof=1");
+
+    // Local wall-clock time, to the second the record was made in (or the next).
+    std::tm local{};
+    localtime_r(&before, &local);
+    EXPECT_EQ(std::stoi(m[1].str()), local.tm_year + 1900);
+    EXPECT_EQ(std::stoi(m[2].str()), local.tm_mon + 1);
+    EXPECT_EQ(std::stoi(m[3].str()), local.tm_mday);
+    const int secondOfDay = std::stoi(m[4].str()) * 3600 + std::stoi(m[5].str()) * 60 + std::stoi(m[6].str());
+    const int expected = local.tm_hour * 3600 + local.tm_min * 60 + local.tm_sec;
+    EXPECT_LE(secondOfDay - expected, 1);
+    EXPECT_GE(secondOfDay - expected, 0);
+}
+
+TEST(Logging, SeverityNamesArePaddedToFiveColumnsAndThresholdIsWarning) {
+    auto setup = LogSetup::trySetUp();
+    ASSERT_NE(setup, nullptr);
+    const std::string out = captured([] {
+        TW_LOG(fatal, "f") << "a";
+        TW_LOG(error, "f") << "b";
+        TW_LOG(warning, "f") << "c";
+        TW_LOG(info, "f") << "hidden";
+        TW_LOG(debug, "f") << "hidden";
+        TW_LOG(verbose, "f") << "hidden";
+    });
+    std::string names;
+    const std::regex severity(R"(\.\d{3} (.{5}) \[)");
+    for (std::sregex_iterator it(out.begin(), out.end(), severity), end; it != end; ++it) {
+        names += (*it)[1].str() + "|";
+    }
+    EXPECT_EQ(names, "FATAL|ERROR|WARN |");
+    EXPECT_EQ(out.find("hidden"), std::string::npos);
+    EXPECT_STREQ(severityName(Severity::none), "NONE");
+    EXPECT_STREQ(severityName(Severity::info), "INFO");
+    EXPECT_STREQ(severityName(Severity::debug), "DEBUG");
+    EXPECT_STREQ(severityName(Severity::verbose), "VERB");
+}
+
+TEST(Logging, MessagesAreNotFormattedBelowTheThreshold) {
+    auto setup = LogSetup::trySetUp();
+    int evaluated = 0;
+    auto count = [&] { return ++evaluated; };
+    captured([&] { TW_LOG(debug, "f") << count(); });
+    EXPECT_EQ(evaluated, 0);
+    captured([&] { TW_LOG(error, "f") << count(); });
+    EXPECT_EQ(evaluated, 1);
+}
+
+TEST(Logging, FirstSetUpOwnsTheLoggerUntilItIsGone) {
+    EXPECT_EQ(captured([] { TW_LOG(error, "f") << "before any setup"; }), "");
+    auto owner = LogSetup::trySetUp();
+    ASSERT_NE(owner, nullptr);
+    EXPECT_EQ(LogSetup::trySetUp(), nullptr);  // a second one does not take over
+    EXPECT_NE(captured([] { TW_LOG(error, "f") << "x"; }), "");
+    owner.reset();
+    EXPECT_EQ(captured([] { TW_LOG(error, "f") << "after teardown"; }), "");
+    auto next = LogSetup::trySetUp();
+    ASSERT_NE(next, nullptr);
+    EXPECT_NE(captured([] { TW_LOG(error, "f") << "again"; }), "");
+}
+
+TEST(Logging, MessagesKeepTheirOwnLineEndsAndRecordsFromThreadsStayWhole) {
+    auto setup = LogSetup::trySetUp();
+    const std::string out = captured([] {
+        TW_LOG(error, "PreProcessor::process") << "Inference failed" << '\n';
+        std::thread a([] { for (int i = 0; i < 50; ++i) TW_LOG(warning, "t") << "from a " << i; });
+        std::thread b([] { for (int i = 0; i < 50; ++i) TW_LOG(warning, "t") << "from b " << i; });
+        a.join();
+        b.join();
+    });
+    EXPECT_NE(out.find("[PreProcessor::process@"), std::string::npos);
+    EXPECT_NE(out.find("] Inference failed\n\n"), std::string::npos);
+    std::size_t lines = 0;
+    const std::regex whole(R"(\] from [ab] \d+\n)");
+    for (std::sregex_iterator it(out.begin(), out.end(), whole), end; it != end; ++it) {
+        ++lines;
+    }
+    EXPECT_EQ(lines, 100u);
+}
+
+}  // namespace
+}  // namespace tonwerk::log

@@ -1,0 +1,114 @@
+#include "spectral/pffft_transformer.h"
+
+#include <gtest/gtest.h>
+
+#include <xtensor/xrandom.hpp>
+#include <xtensor/xview.hpp>
+
+#include <cmath>
+#include <stdexcept>
+
+namespace tonwerk {
+namespace {
+
+constexpr std::size_t kN = 4096;
+
+using Rows = xt::xtensor<float, 2>;
+
+Rows zeroRows(std::size_t rows, std::size_t width) { return Rows({rows, width}, 0.0f); }
+
+xt::xtensor<float, 2> randomRows(std::size_t rows, std::size_t width) {
+    xt::random::seed(7);
+    return xt::random::rand<float>({rows, width}, -1.0f, 1.0f);
+}
+
+TEST(PFFFTTransformer, PackedLayoutDropsNyquist) {
+    PFFFTTransformer fft(kN, false);
+    Rows rows = zeroRows(2, kN);
+    xt::view(rows, 0, xt::all()) = 0.5f;
+    for (std::size_t i = 0; i < kN; ++i) rows(1, i) = (i % 2 == 0) ? 1.0f : -1.0f;
+
+    const auto spectrum = fft.forward(rows);
+    ASSERT_EQ(spectrum.shape(), (std::array<std::size_t, 2>{2, kN}));
+    // The alternating row is pure Nyquist, whose slot is always cleared.
+    for (std::size_t i = 0; i < kN; ++i) {
+        EXPECT_EQ(spectrum(0, i), i == 0 ? 0.5f * kN : 0.0f) << i;
+        EXPECT_EQ(spectrum(1, i), 0.0f) << i;
+    }
+
+    PFFFTTransformer padded(kN, true);
+    const auto wide = padded.forward(rows);
+    ASSERT_EQ(wide.shape(), (std::array<std::size_t, 2>{2, kN + 2}));
+    EXPECT_EQ(wide(0, 0), 0.5f * kN);
+    EXPECT_EQ(wide(1, 1), 0.0f);
+    EXPECT_EQ(wide(0, kN), 0.0f);
+    EXPECT_EQ(wide(0, kN + 1), 0.0f);
+
+    const Rows none = zeroRows(0, kN);
+    EXPECT_EQ(fft.forward(none).shape(), (std::array<std::size_t, 2>{0, kN}));
+    EXPECT_EQ(padded.forward(none).shape(), (std::array<std::size_t, 2>{0, kN + 2}));
+    EXPECT_EQ(fft.inverse(none).shape(), (std::array<std::size_t, 2>{0, kN}));
+}
+
+// Against a double-precision DFT, X[k] = sum x[n] e^{-2 pi i k n / N}. A
+// single-precision FFT's error grows like eps * log2(N) * |x|; with inputs in
+// [-1, 1] bins are about sqrt(N / 3) ~ 37 in magnitude and the error stays
+// near 1.5e-5, so 2e-3 leaves a wide margin over rounding (and over other
+// SIMD paths) while any wrong bin, sign or slot is off by O(1).
+TEST(PFFFTTransformer, ForwardMatchesReferenceDft) {
+    PFFFTTransformer fft(kN, false);
+    const auto input = randomRows(2, kN);
+    const auto spectrum = fft.forward(input);
+    for (std::size_t r = 0; r < 2; ++r) {
+        for (std::size_t k = 0; k < kN / 2; ++k) {
+            double re = 0.0;
+            double im = 0.0;
+            for (std::size_t n = 0; n < kN; ++n) {
+                const double phase = -2.0 * M_PI * static_cast<double>((k * n) % kN) / kN;
+                re += input(r, n) * std::cos(phase);
+                im += input(r, n) * std::sin(phase);
+            }
+            if (k == 0) {
+                EXPECT_NEAR(spectrum(r, 0), re, 2e-3);
+                EXPECT_EQ(spectrum(r, 1), 0.0f);
+            } else {
+                EXPECT_NEAR(spectrum(r, 2 * k), re, 2e-3) << r << " bin " << k;
+                EXPECT_NEAR(spectrum(r, 2 * k + 1), im, 2e-3) << r << " bin " << k;
+            }
+        }
+    }
+}
+
+// Rows with no Nyquist component come back after one 1/N scaling; the
+// tolerance is a few hundred float ulps of the unit-range samples.
+TEST(PFFFTTransformer, InverseUndoesForwardOnBandLimitedRows) {
+    auto input = randomRows(3, kN);
+    for (std::size_t r = 0; r < 3; ++r) {
+        double nyquist = 0.0;
+        for (std::size_t n = 0; n < kN; ++n) nyquist += (n % 2 == 0 ? 1.0 : -1.0) * input(r, n);
+        for (std::size_t n = 0; n < kN; ++n) input(r, n) -= static_cast<float>((n % 2 == 0 ? 1.0 : -1.0) * nyquist / kN);
+    }
+    PFFFTTransformer fft(kN, false);
+    const auto back = fft.inverse(fft.forward(input));
+    ASSERT_EQ(back.shape(), input.shape());
+    EXPECT_TRUE(xt::allclose(back, input, 0.0, 1e-5));
+
+    // The padded layout round-trips as well; its trailing pair is not read.
+    PFFFTTransformer padded(kN, true);
+    auto wide = padded.forward(input);
+    xt::view(wide, xt::all(), xt::range(kN, kN + 2)) = 99.0f;
+    const auto paddedBack = padded.inverse(wide);
+    ASSERT_EQ(paddedBack.shape(), input.shape());
+    EXPECT_TRUE(xt::allclose(paddedBack, input, 0.0, 1e-5));
+}
+
+TEST(PFFFTTransformer, RejectsUnsupportedSizesAndOversizedRows) {
+    PFFFTTransformer odd(100, false);
+    EXPECT_THROW(odd.forward(zeroRows(1, 100)), std::invalid_argument);
+    PFFFTTransformer fft(64, false);
+    EXPECT_THROW(fft.forward(zeroRows(1, 65)), std::invalid_argument);
+    EXPECT_NO_THROW(PFFFTTransformer(64, true).inverse(zeroRows(1, 66)));
+}
+
+}  // namespace
+}  // namespace tonwerk

@@ -15,13 +15,24 @@ target_link_libraries(tonwerk_spdlog INTERFACE fmt::fmt-header-only Threads::Thr
 
 # ONNX Runtime: headers at build time; the runtime library itself is loaded
 # on first use, never linked.
+if(WIN32)
+  set(_ort_file onnxruntime.dll)
+  set(_ort_bundled lib/win-x64)
+  # The name the library delay-loads.
+  set(TONWERK_ORT_RUNTIME_NAME "onnxruntime_pelagrin.dll")
+else()
+  set(_ort_file libonnxruntime.so.1)
+  set(_ort_bundled lib/linux-x64)
+  # The name the library looks for next to itself.
+  set(TONWERK_ORT_RUNTIME_NAME "libonnxruntime_pelagrin.so")
+endif()
 if(ONNXRUNTIME_ROOT)
-  set(TONWERK_ORT_INCLUDE_DIR "${ONNXRUNTIME_ROOT}/include")
   # Release folders ship lib/libonnxruntime.so.1 as a link to the versioned file.
-  set(TONWERK_ORT_RUNTIME "${ONNXRUNTIME_ROOT}/lib/libonnxruntime.so.1")
+  set(TONWERK_ORT_INCLUDE_DIR "${ONNXRUNTIME_ROOT}/include")
+  set(TONWERK_ORT_RUNTIME "${ONNXRUNTIME_ROOT}/lib/${_ort_file}")
 else()
   set(TONWERK_ORT_INCLUDE_DIR "${PROJECT_SOURCE_DIR}/third_party/onnxruntime/include")
-  set(TONWERK_ORT_RUNTIME "${PROJECT_SOURCE_DIR}/third_party/onnxruntime/lib/linux-x64/libonnxruntime.so.1")
+  set(TONWERK_ORT_RUNTIME "${PROJECT_SOURCE_DIR}/third_party/onnxruntime/${_ort_bundled}/${_ort_file}")
 endif()
 if(NOT EXISTS "${TONWERK_ORT_INCLUDE_DIR}/onnxruntime_cxx_api.h" OR NOT EXISTS "${TONWERK_ORT_RUNTIME}")
   message(FATAL_ERROR "ONNX Runtime not found (headers in ${TONWERK_ORT_INCLUDE_DIR}, runtime ${TONWERK_ORT_RUNTIME}). "
@@ -30,8 +41,6 @@ endif()
 add_library(tonwerk_ort_headers INTERFACE)
 target_include_directories(tonwerk_ort_headers SYSTEM INTERFACE ${TONWERK_ORT_INCLUDE_DIR})
 target_compile_definitions(tonwerk_ort_headers INTERFACE ORT_API_MANUAL_INIT)
-# The name the library looks for next to itself.
-set(TONWERK_ORT_RUNTIME_NAME "libonnxruntime_pelagrin.so")
 
 # PFFFT: two C files compiled into a small static library.
 set(TONWERK_PFFFT_DIR "${PROJECT_SOURCE_DIR}/third_party/pffft")

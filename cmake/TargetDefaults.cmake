@@ -1,8 +1,11 @@
 # Per-target settings shared by every target of the project; nothing here is
 # set globally so that dependencies build with their own flags.
 function(tonwerk_target_defaults target)
-  target_compile_options(${target} PRIVATE
-    $<$<COMPILE_LANGUAGE:CXX>:-Wall -Wextra -Wpedantic>)
+  if(MSVC)
+    target_compile_options(${target} PRIVATE /W4)
+  else()
+    target_compile_options(${target} PRIVATE $<$<COMPILE_LANGUAGE:CXX>:-Wall -Wextra -Wpedantic>)
+  endif()
   tonwerk_sanitize(${target})
 endfunction()
 

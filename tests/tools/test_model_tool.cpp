@@ -1,0 +1,103 @@
+// tonwerk-model on the generated test models.
+#include "tool_runner.h"
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <iterator>
+
+namespace tonwerk::test {
+namespace {
+
+namespace fs = std::filesystem;
+
+std::string model(const std::string& name) { return std::string(TONWERK_TEST_MODELS_DIR) + "/" + name + ".onnx"; }
+
+std::vector<char> bytesOf(const fs::path& path) {
+    std::ifstream in(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+std::vector<std::string> dimensionLines(const std::string& detail) {
+    std::vector<std::string> lines;
+    for (const char* output : {"vocals_output", "drum_output", "piano_output", "acoustic_guitar_output",
+                               "electric_guitar_output", "bass_output"}) {
+        lines.push_back("  - output \"" + std::string(output) + "\" " + detail);
+    }
+    return lines;
+}
+
+class ModelTool : public ::testing::Test {
+protected:
+    ScratchFolder scratch{std::string("model-") + ::testing::UnitTest::GetInstance()->current_test_info()->name()};
+    ToolRun tool(const std::vector<std::string>& args) { return runTool("tonwerk-model", args, scratch.path()); }
+};
+
+TEST_F(ModelTool, CheckNamesEveryViolationOfTheBrokenModels) {
+    struct Case {
+        std::string name;
+        std::vector<std::string> violations;
+    };
+    std::vector<std::string> dynamic = {"  - input \"unified_input\" dimension 0 is free (\"batch\"), expected 1"};
+    for (const std::string& line : dimensionLines("dimension 0 is free (\"batch\"), expected 1")) dynamic.push_back(line);
+    const std::vector<Case> cases = {
+        {"broken_missing_flag", {"  - input \"electric_guitar_flag\" is missing"}},
+        {"broken_misnamed_output", {"  - output \"bass_output\" is missing", "  - unexpected output \"bass_out\""}},
+        {"broken_dynamic_output", dynamic},
+        {"broken_oversized_output", dimensionLines("dimension 3 is 4096, expected 2048")},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        const ToolRun run = tool({"check", model(c.name)});
+        EXPECT_EQ(run.exitStatus, 1);
+        std::vector<std::string> expected = {model(c.name) + ": " + std::to_string(c.violations.size()) +
+                                             (c.violations.size() == 1 ? " violation" : " violations") +
+                                             " of the model contract"};
+        expected.insert(expected.end(), c.violations.begin(), c.violations.end());
+        EXPECT_EQ(linesOf(run.out), expected);
+    }
+}
+
+TEST_F(ModelTool, CheckAcceptsConformingModels) {
+    for (const char* name : {"identity", "flag_gated", "tonwerk-dsp-baseline"}) {
+        const ToolRun run = tool({"check", model(name)});
+        EXPECT_EQ(run.exitStatus, 0) << run.out;
+        EXPECT_EQ(run.out, model(name) + ": fits the model contract\n");
+    }
+}
+
+TEST_F(ModelTool, ScrambleAndUnscrambleRoundTripWithTheKey) {
+    const fs::path scrambled = scratch / "scrambled.bin";
+    const fs::path restored = scratch / "restored.onnx";
+    ASSERT_EQ(tool({"scramble", model("identity"), scrambled.string(), "--key", "Ab"}).exitStatus, 0);
+    const std::vector<char> original = bytesOf(model("identity"));
+    const std::vector<char> mixed = bytesOf(scrambled);
+    ASSERT_EQ(mixed.size(), original.size());
+    for (std::size_t i = 0; i < original.size(); ++i) {
+        ASSERT_EQ(static_cast<unsigned char>(mixed[i] ^ original[i]), i % 2 == 0 ? 'A' : 'b') << "byte " << i;
+    }
+
+    const ToolRun plainCheck = tool({"check", scrambled.string()});
+    EXPECT_EQ(plainCheck.exitStatus, 1);
+    EXPECT_NE(plainCheck.out.find("not a readable ONNX model"), std::string::npos) << plainCheck.out;
+    EXPECT_EQ(tool({"check", scrambled.string(), "--key", "Ab"}).exitStatus, 0);
+
+    ASSERT_EQ(tool({"unscramble", scrambled.string(), restored.string(), "--key", "Ab"}).exitStatus, 0);
+    EXPECT_EQ(bytesOf(restored), original);
+    EXPECT_EQ(folderEntries(scratch.path()), (std::vector<std::string>{"restored.onnx", "scrambled.bin"}));
+}
+
+TEST_F(ModelTool, UsageAndFileErrors) {
+    EXPECT_EQ(tool({}).exitStatus, 2);
+    EXPECT_EQ(tool({"scramble", model("identity"), (scratch / "x").string()}).exitStatus, 2);
+    EXPECT_EQ(tool({"inspect", model("identity")}).exitStatus, 2);
+    EXPECT_EQ(tool({"check", model("identity"), "--key", ""}).exitStatus, 2);
+    const ToolRun missing = tool({"check", (scratch / "none.onnx").string()});
+    EXPECT_EQ(missing.exitStatus, 3);
+    EXPECT_EQ(linesOf(missing.err).size(), 1u);
+    EXPECT_EQ(tool({"scramble", model("identity"), (scratch / "no" / "dir" / "x").string(), "--key", "k"}).exitStatus,
+              3);
+}
+
+}  // namespace
+}  // namespace tonwerk::test

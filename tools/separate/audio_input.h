@@ -1,0 +1,47 @@
+// An audio file opened for reading through libsndfile.
+#pragma once
+
+#include "options.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+typedef struct sf_private_tag SNDFILE;
+
+namespace tonwerk::tools {
+
+class AudioInput {
+public:
+    // Throws inputError when the file is missing or not audio libsndfile reads.
+    explicit AudioInput(const std::string& path);
+    ~AudioInput();
+    AudioInput(const AudioInput&) = delete;
+    AudioInput& operator=(const AudioInput&) = delete;
+
+    const std::string& path() const { return path_; }
+    std::int64_t frames() const { return frames_; }
+    int sampleRate() const { return sampleRate_; }
+    int channels() const { return channels_; }
+
+    // The output format that keeps the input's resolution where a WAV stem
+    // can: 16 and 24 bits stay as they are; 8 bits become 16 (stems are
+    // quieter than the mixture and would lose what little resolution 8 bits
+    // have); everything else, floats, 32-bit integers and lossy codecs,
+    // becomes float, which loses nothing.
+    SampleFormat matchingFormat() const;
+
+    // Reads up to `frames` frames, interleaved in the file's channel count.
+    // Returns how many it read; 0 at the end. Throws inputError on read errors.
+    std::size_t read(float* interleaved, std::size_t frames);
+
+private:
+    std::string path_;
+    SNDFILE* file_ = nullptr;
+    std::int64_t frames_ = 0;
+    int sampleRate_ = 0;
+    int channels_ = 0;
+    int format_ = 0;
+};
+
+}  // namespace tonwerk::tools

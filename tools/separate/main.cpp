@@ -1,0 +1,37 @@
+// tonwerk-separate: the reference host of the separation library. Reads an
+// audio file, streams it through a TonwerkProc and writes one file per stem.
+#include "interrupt.h"
+#include "options.h"
+#include "separate_command.h"
+#include "tool_error.h"
+
+#include <chrono>
+#include <iostream>
+#include <new>
+#include <string>
+#include <vector>
+
+using namespace tonwerk::tools;
+
+int main(int argc, char** argv) {
+    const auto started = std::chrono::steady_clock::now();
+    try {
+        const SeparateOptions options = parseSeparateOptions(std::vector<std::string>(argv + 1, argv + argc));
+        if (options.help) {
+            std::cout << separateUsage;
+            return exitOk;
+        }
+        installInterruptHandlers();
+        return runSeparateCommand(options, started);
+    } catch (const ToolError& error) {
+        std::cerr << "tonwerk-separate: " << oneLine(error.what())
+                  << (error.exitStatus() == exitUsage ? " (see --help)" : "") << std::endl;
+        return error.exitStatus();
+    } catch (const std::bad_alloc&) {
+        std::cerr << "tonwerk-separate: out of memory" << std::endl;
+        return exitInput;
+    } catch (const std::exception& error) {
+        std::cerr << "tonwerk-separate: " << oneLine(error.what()) << std::endl;
+        return exitInput;
+    }
+}

@@ -1,0 +1,18 @@
+// The stems tonwerk-separate writes, in the order the library returns them.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <string>
+
+namespace tonwerk::tools {
+
+// The six the model separates, then the two the library computes itself.
+inline const std::array<std::string, 8> stemNames = {
+    "vocals", "drum", "piano", "acoustic_guitar", "electric_guitar", "bass", "residual", "mix"};
+inline constexpr std::size_t modelStemCount = 6;
+
+// Selection of the six model stems, in stemNames order.
+using StemSelection = std::array<bool, modelStemCount>;
+
+}  // namespace tonwerk::tools

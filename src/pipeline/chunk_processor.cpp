@@ -1,1 +1,317 @@
 #include "pipeline/chunk_processor.h"
+
+#include "common/logging.h"
+#include "pipeline/stream_padding.h"
+#include "spectral/window.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <utility>
+
+namespace tonwerk {
+namespace {
+
+// "2x261120": a shape as the log lines print it.
+std::string joinShape(const xt::xarray<float>& a) {
+    std::ostringstream text;
+    for (std::size_t i = 0; i < a.dimension(); ++i) {
+        text << (i == 0 ? "" : "x") << a.shape()[i];
+    }
+    return text.str();
+}
+
+// Samples to add after `length` so that it becomes a whole number of hops.
+std::size_t padToHop(std::size_t length, std::size_t hop) {
+    const std::size_t rest = length % hop;
+    return rest == 0 ? 0 : hop - rest;
+}
+
+float peakMagnitude(const xt::xarray<float>& data) {
+    float peak = 0.0F;
+    for (const float v : data) {
+        peak = std::max(peak, std::fabs(v));
+    }
+    return peak;
+}
+
+// Columns [from, length) of {channels, length} as the contiguous array the
+// pre-processor reads.
+xt::xtensor<float, 2> columnsFrom(const xt::xarray<float>& data, std::size_t from) {
+    const std::size_t rows = data.shape()[0];
+    const std::size_t length = data.shape()[1];
+    const std::size_t width = length - from;
+    xt::xtensor<float, 2> out = xt::xtensor<float, 2>::from_shape({rows, width});
+    for (std::size_t r = 0; r < rows; ++r) {
+        const float* src = data.data() + r * length + from;
+        std::copy(src, src + width, out.data() + r * width);
+    }
+    return out;
+}
+
+// Joins {rows, channels, n_i} results along time; parts without samples'
+// axes (nothing produced) are skipped.
+xt::xarray<float> concatenateAlongTime(std::vector<xt::xarray<float>>& parts) {
+    std::vector<xt::xarray<float>*> present;
+    std::size_t total = 0;
+    for (auto& part : parts) {
+        if (part.dimension() == 3) {
+            present.push_back(&part);
+            total += part.shape()[2];
+        }
+    }
+    if (present.empty()) {
+        return {};
+    }
+    if (present.size() == 1) {
+        return std::move(*present.front());
+    }
+    const std::size_t rows = present.front()->shape()[0] * present.front()->shape()[1];
+    xt::xarray<float> out =
+        xt::xarray<float>::from_shape({present.front()->shape()[0], present.front()->shape()[1], total});
+    std::size_t offset = 0;
+    for (const auto* part : present) {
+        const std::size_t width = part->shape()[2];
+        for (std::size_t r = 0; r < rows; ++r) {
+            const float* src = part->data() + r * width;
+            std::copy(src, src + width, out.data() + r * total + offset);
+        }
+        offset += width;
+    }
+    return out;
+}
+
+}  // namespace
+
+ChunkProcessor::ChunkProcessor(std::shared_ptr<IInference> inference, std::size_t channels, std::size_t fftSize,
+                               std::size_t hop, std::uint64_t configExtra, std::size_t segmentFrames,
+                               std::size_t stemCount)
+    : channels(channels),
+      fftSize(fftSize),
+      hop(hop),
+      configExtra(configExtra),
+      segmentFrames(segmentFrames),
+      stemCount(stemCount) {
+    // Each frame's synthesis yields min(hop, fftSize) samples while results
+    // are laid out in steps of hop, so a hop longer than a frame would leave
+    // gaps; a zero hop divides by zero.
+    if (hop == 0 || hop > fftSize) {
+        throw std::invalid_argument("ChunkProcessor: hop " + std::to_string(hop) +
+                                    " must be between 1 and the FFT size " + std::to_string(fftSize));
+    }
+    const std::vector<float> window = makeWindow(Blackman, static_cast<std::int32_t>(fftSize));
+    preProcessor_ = std::make_unique<PreProcessor>(channels, fftSize, hop, window, std::move(inference),
+                                                   segmentFrames, true, stemCount);
+    synthesizers.reserve(stemCount);
+    for (std::size_t s = 0; s < stemCount; ++s) {
+        synthesizers.push_back(std::make_unique<OverlapAddSynthesizer>(channels, fftSize, hop, window));
+    }
+    buffer = std::make_unique<BufferAggregator>(channels, 2 * readyThreshold(), 1);
+    frameScratch = xt::xtensor<float, 2>::from_shape({channels, fftSize});
+}
+
+std::size_t ChunkProcessor::readyThreshold() const {
+    return preProcessor_->maxInputLength() - 2 * fftSize;
+}
+
+xt::xarray<float> ChunkProcessor::process(xt::xarray<float> input, bool eof) {
+    TW_LOG(debug, "ChunkProcessor::process")
+        << "ChunkProcessor::process input shape: " << joinShape(input) << ", eof: " << eof;
+    buffer->push(input);
+    if (eof) {
+        return processEndOfStream();
+    }
+    const std::size_t held = buffer->heldLength();
+    if (held == 0 || held < readyThreshold()) {
+        TW_LOG(debug, "ChunkProcessor::process") << "Not enough data to process, returning empty";
+        return {};
+    }
+    return separate(takeChunk(), 0, false);
+}
+
+xt::xarray<float> ChunkProcessor::takeChunk() {
+    const std::size_t chunkLength = preProcessor_->maxInputLength() - (firstChunk ? fftSize : 0);
+    std::size_t requested = std::min(buffer->heldLength(), chunkLength);
+    // Frames are laid from the end of each chunk backwards, so samples beyond
+    // a whole number of hops at its front would fall into no frame: the
+    // stems would come back shorter than what the chunk consumes and slip
+    // against the mixture at every chunk border. Taking whole hops only keeps
+    // the frame grid continuous; the rest waits for the next chunk. The ready
+    // threshold is itself whole hops, so a ready buffer still yields at least
+    // that much.
+    requested -= requested % hop;
+    return buffer->get(requested, fftSize);
+}
+
+xt::xarray<float> ChunkProcessor::processEndOfStream() {
+    TW_LOG(debug, "ChunkProcessor::process") << "Processing EOF";
+    // Everything still buffered goes through a single model run when it
+    // fits. A longer remainder (the stream handed over in one large call, or
+    // blocks far larger than maxInputSize) would bring more new frames than
+    // the model's spectrogram holds, so ordinary chunks are separated first
+    // until the rest fits; the call returns all of it in stream order.
+    std::vector<xt::xarray<float>> parts;
+    while (!flushFitsOneRun(buffer->heldLength())) {
+        parts.push_back(separate(takeChunk(), 0, false));
+    }
+    parts.push_back(flushStream());
+    return concatenateAlongTime(parts);
+}
+
+bool ChunkProcessor::flushFitsOneRun(std::size_t held) const {
+    if (held == 0) {
+        return true;
+    }
+    std::size_t modelInput = held + padToHop(held, hop) + fftSize;
+    if (firstChunk) {
+        modelInput += std::min(modelInput - 1, fftSize);
+    }
+    if (!firstResult) {
+        modelInput -= hop;
+    }
+    const std::size_t newFrames = (modelInput - fftSize) / hop + 1;
+    return newFrames <= preProcessor_->maxNewFrames();
+}
+
+xt::xarray<float> ChunkProcessor::flushStream() {
+    xt::xarray<float> data = buffer->flush();
+    const std::size_t length = data.dimension() == 2 ? data.shape()[1] : 0;
+    if (length == 0) {
+        // The stream ended with nothing left to separate: no result, as if
+        // not enough data had arrived.
+        return {};
+    }
+    const std::size_t eofPad = padToHop(length, hop);
+    const std::size_t total = fftSize + eofPad;
+    // Mirroring cannot reach further back than the signal is long; the rest
+    // of the padding is silence.
+    const std::size_t reflectCount = std::min(length - 1, total);
+    const std::size_t zeroCount = total - reflectCount;
+    return separate(padEnd(data, reflectCount, zeroCount), eofPad, true);
+}
+
+xt::xarray<float> ChunkProcessor::separate(xt::xarray<float> data, std::size_t eofPad, bool eof) {
+    std::size_t frontPad = 0;
+    if (firstChunk) {
+        const std::size_t length = data.shape()[1];
+        frontPad = length == 0 ? 0 : std::min(length - 1, fftSize);
+        data = padFront(data, frontPad);
+        firstChunk = false;
+        if (log::enabled(log::Severity::info)) {
+            const float peak = peakMagnitude(data);
+            if (peak > 1.1F) {
+                TW_LOG(info, "ChunkProcessor::process") << "MAX2: " << peak;
+            }
+        }
+    }
+    TW_LOG(debug, "ChunkProcessor::process") << "Data prepared for preprocessing, shape: " << joinShape(data);
+
+    // After the first chunk, the frame starting at the chunk's first sample
+    // was analysed with the previous chunk and is held back by the
+    // pre-processor, which hands it out first this time.
+    const std::size_t skip = firstResult ? 0 : std::min(hop, data.shape()[1]);
+    // The frames are read straight from the model's output buffers, one at
+    // a time, rather than as one array of every stem's spectra.
+    const PreProcessor::FrameRange frames = preProcessor_->analyse(columnsFrom(data, skip), eof);
+    TW_LOG(debug, "ChunkProcessor::process") << "Preprocessed data shape: " << framesShape(frames);
+
+    xt::xarray<float> result = assemble(frames, data, frontPad, eofPad, eof);
+    TW_LOG(debug, "ChunkProcessor::process") << "ChunkProcessor::process result shape: " << joinShape(result);
+    return result;
+}
+
+std::string ChunkProcessor::framesShape(const PreProcessor::FrameRange& frames) const {
+    // A failed model run yields no frames, as a dimensionless array would.
+    if (!frames.ok) {
+        return "";
+    }
+    std::ostringstream text;
+    text << stemCount << "x" << channels << "x" << frames.count() * fftSize;
+    return text.str();
+}
+
+std::size_t ChunkProcessor::resultLength(std::size_t produced, std::size_t lead, std::size_t eofPad,
+                                         bool eof) const {
+    const std::size_t kept = produced - lead;
+    if (!eof) {
+        return kept;
+    }
+    // The end padding comes off again. The synthesizers' unfinished overlap is
+    // represented by silence of its length; its values are not used.
+    const auto extended = static_cast<std::int64_t>(kept + synthesizers.front()->tail().shape()[1]);
+    std::int64_t end = extended - static_cast<std::int64_t>(fftSize + eofPad);
+    if (end < 0) {
+        end += extended;
+    }
+    end = std::min(end, extended);
+    return end < 1 ? 0 : static_cast<std::size_t>(end);
+}
+
+xt::xarray<float> ChunkProcessor::assemble(const PreProcessor::FrameRange& frames, const xt::xarray<float>& data,
+                                           std::size_t frontPad, std::size_t eofPad, bool eof) {
+    const std::size_t frameCount = frames.count();
+    const std::size_t produced = frameCount * hop;
+    // The reflected lead-in of the stream's first chunk is cut from every row.
+    const std::size_t lead = firstResult ? std::min(frontPad, produced) : 0;
+    firstResult = false;
+    const std::size_t length = resultLength(produced, lead, eofPad, eof);
+    const std::size_t stemEnd = std::min(length, produced - lead);
+
+    xt::xarray<float> result = xt::xarray<float>::from_shape({stemCount + 1, channels, length});
+    const std::size_t dataLength = data.shape()[1];
+    const std::size_t mixEnd = std::min(length, std::min(produced, dataLength) - std::min(lead, dataLength));
+    zeroFrom(result, stemCount, stemEnd, mixEnd);
+
+    // Every frame goes through its stem's synthesizer, even where the
+    // samples are cut, so that the overlap carries on into the next chunk.
+    std::size_t pos = 0;
+    for (std::size_t f = 0; f < frameCount; ++f) {
+        std::size_t written = 0;
+        for (std::size_t s = 0; s < stemCount; ++s) {
+            preProcessor_->packFrame(s, frames.first + f, frameScratch);
+            const xt::xtensor<float, 2> piece = synthesizers[s]->processFrame(frameScratch);
+            written = piece.shape()[1];
+            copyPiece(piece, pos, lead, stemEnd, result.data() + s * channels * length, length);
+        }
+        pos += written;
+    }
+
+    // The mixture row lines up with the stems: it starts at the chunk's
+    // first sample, after the same lead-in cut.
+    float* mixture = result.data() + stemCount * channels * length;
+    for (std::size_t c = 0; c < channels; ++c) {
+        const float* src = data.data() + c * dataLength + lead;
+        std::copy(src, src + mixEnd, mixture + c * length);
+    }
+    return result;
+}
+
+void ChunkProcessor::zeroFrom(xt::xarray<float>& result, std::size_t stemRows, std::size_t stemEnd,
+                              std::size_t mixEnd) const {
+    // Only what neither a synthesizer nor the mixture fills: the silence that
+    // stands in for the unfinished overlap at the end of the stream.
+    const std::size_t length = result.shape()[2];
+    for (std::size_t row = 0; row < result.shape()[0] * channels; ++row) {
+        const std::size_t from = row < stemRows * channels ? stemEnd : mixEnd;
+        std::fill(result.data() + row * length + from, result.data() + (row + 1) * length, 0.0F);
+    }
+}
+
+void ChunkProcessor::copyPiece(const xt::xtensor<float, 2>& piece, std::size_t pos, std::size_t lead,
+                               std::size_t stemEnd, float* stemRows, std::size_t rowLength) const {
+    const std::size_t width = piece.shape()[1];
+    const std::size_t begin = std::max(pos, lead);
+    const std::size_t end = std::min(pos + width, lead + stemEnd);
+    if (begin >= end) {
+        return;
+    }
+    for (std::size_t c = 0; c < channels; ++c) {
+        const float* src = piece.data() + c * width;
+        std::copy(src + (begin - pos), src + (end - pos), stemRows + c * rowLength + (begin - lead));
+    }
+}
+
+}  // namespace tonwerk

@@ -12,6 +12,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <string>
 #include <vector>
 
 namespace tonwerk {
@@ -24,13 +25,37 @@ public:
 
     // `input` is {channels, n}. Returns {stemCount + 1, channels, m} (the
     // stems, then the aligned mixture) or a dimensionless array when not
-    // enough input has gathered.
+    // enough input has gathered. With `eof` everything buffered comes out,
+    // through as many model runs as it needs. A block that does not fit the
+    // input buffer throws std::runtime_error and changes nothing.
     xt::xarray<float> process(xt::xarray<float> input, bool eof);
 
     const PreProcessor& preProcessor() const { return *preProcessor_; }
     std::size_t transformLength() const { return fftSize; }
 
 private:
+    // Samples that must be buffered before a chunk is separated: the chunk
+    // length less the two frames' worth that the stream's padding supplies.
+    std::size_t readyThreshold() const;
+    // Takes the next chunk out of the buffer, keeping its newest fftSize
+    // samples there to open the following chunk.
+    xt::xarray<float> takeChunk();
+    xt::xarray<float> processEndOfStream();
+    bool flushFitsOneRun(std::size_t held) const;
+    xt::xarray<float> flushStream();
+    // Separates one prepared chunk ({channels, length}, end padding already
+    // applied at eof) and lays out its stems and the aligned mixture.
+    xt::xarray<float> separate(xt::xarray<float> data, std::size_t eofPad, bool eof);
+    std::string framesShape(const PreProcessor::FrameRange& frames) const;
+    std::size_t resultLength(std::size_t produced, std::size_t lead, std::size_t eofPad, bool eof) const;
+    xt::xarray<float> assemble(const PreProcessor::FrameRange& frames, const xt::xarray<float>& data,
+                               std::size_t frontPad, std::size_t eofPad, bool eof);
+    void zeroFrom(xt::xarray<float>& result, std::size_t stemRows, std::size_t stemEnd, std::size_t mixEnd) const;
+    // Copies the part of a synthesizer's output at untrimmed position `pos`
+    // that survives the lead-in cut and the end trim into one stem's rows.
+    void copyPiece(const xt::xtensor<float, 2>& piece, std::size_t pos, std::size_t lead, std::size_t stemEnd,
+                   float* stemRows, std::size_t rowLength) const;
+
     std::size_t channels;
     std::size_t fftSize;
     std::size_t hop;
@@ -42,6 +67,8 @@ private:
     std::unique_ptr<BufferAggregator> buffer;
     bool firstChunk = true;
     bool firstResult = true;
+    // One frame of one stem, {channels, fftSize}, reused for every frame.
+    xt::xtensor<float, 2> frameScratch;
 };
 
 }  // namespace tonwerk

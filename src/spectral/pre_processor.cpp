@@ -1,1 +1,199 @@
 #include "spectral/pre_processor.h"
+
+#include "common/logging.h"
+
+#include <xtensor/xadapt.hpp>
+#include <xtensor/xbuilder.hpp>
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <stdexcept>
+#include <string>
+
+namespace tonwerk {
+
+PreProcessor::PreProcessor(std::uint64_t channelCount, std::uint64_t fftSize, std::uint64_t hopSize,
+                           std::vector<float> analysisWindow, std::shared_ptr<IInference> inference,
+                           std::uint64_t frameCount, bool keepEdgeFrames, std::uint64_t outputCount)
+    : channelCount(channelCount),
+      fftSize(fftSize),
+      hopSize(hopSize),
+      outputCount(outputCount),
+      window(xt::adapt(analysisWindow, std::array<std::size_t, 1>{analysisWindow.size()})),
+      inference(std::move(inference)),
+      fft(fftSize, false),
+      frameCount(frameCount),
+      keepEdgeFrames(keepEdgeFrames) {
+    // Frame counts are derived by dividing by the hop; a zero hop would make
+    // every later call divide by zero.
+    if (hopSize == 0) {
+        throw std::invalid_argument("PreProcessor: hop size must not be 0");
+    }
+    if (this->window.size() != fftSize) {
+        throw std::invalid_argument("PreProcessor: window length " + std::to_string(this->window.size()) +
+                                    " differs from the FFT size " + std::to_string(fftSize));
+    }
+    spectrogram = xt::zeros<float>({2 * channelCount, frameCount, fftSize / 2});
+    // The model overwrites every output completely, so its buffers and the
+    // framing scratch are made once and reused by every call.
+    modelOutputs = xt::xtensor<float, 4>::from_shape({outputCount, 2 * channelCount, frameCount, fftSize / 2});
+    frameScratch = xt::xtensor<float, 2>::from_shape({channelCount, fftSize});
+}
+
+std::uint64_t PreProcessor::maxInputLength() const {
+    return (frameCount - edgeFrames - 1) * hopSize + fftSize;
+}
+
+std::uint64_t PreProcessor::maxNewFrames() const {
+    // Once the newest frame of a call is held back, the next call hands it out
+    // again from the slot just before its own new frames.
+    return frameCount - ((keepEdgeFrames && !firstCall) ? 1 : 0);
+}
+
+xt::xarray<float> PreProcessor::process(const xt::xtensor<float, 2>& input, bool eof) {
+    const FrameRange range = analyse(input, eof);
+    if (!range.ok) {
+        return {};
+    }
+    return packFrames(range.first, range.last);
+}
+
+PreProcessor::FrameRange PreProcessor::analyse(const xt::xtensor<float, 2>& input, bool eof) {
+    const std::uint64_t length = input.shape()[1];
+    if (input.shape()[0] != channelCount) {
+        throw std::invalid_argument("PreProcessor::process: input has " + std::to_string(input.shape()[0]) +
+                                    " channels, expected " + std::to_string(channelCount));
+    }
+    if (length < fftSize) {
+        throw std::invalid_argument("PreProcessor::process: input of " + std::to_string(length) +
+                                    " samples is shorter than one frame of " + std::to_string(fftSize));
+    }
+    const std::uint64_t newFrames = (length - fftSize) / hopSize + 1;
+    if (newFrames > maxNewFrames()) {
+        throw std::invalid_argument("PreProcessor::process: input of " + std::to_string(length) + " samples gives " +
+                                    std::to_string(newFrames) + " frames, more than the " +
+                                    std::to_string(maxNewFrames()) + " the spectrogram can take");
+    }
+    TW_LOG(debug, "PreProcessor::process") << "Process signal: " << length;
+
+    shiftSpectrogram(newFrames);
+    writeNewFrames(input, newFrames);
+
+    std::vector<float*> outputs(outputCount);
+    for (std::uint64_t s = 0; s < outputCount; ++s) {
+        outputs[s] = modelOutputs.data() + s * spectrogram.size();
+    }
+    const std::array<std::int64_t, 4> shape{1, static_cast<std::int64_t>(spectrogram.shape()[0]),
+                                            static_cast<std::int64_t>(spectrogram.shape()[1]),
+                                            static_cast<std::int64_t>(spectrogram.shape()[2])};
+    if (!inference->run(spectrogram.data(), std::move(outputs), shape)) {
+        TW_LOG(error, "PreProcessor::process") << "Inference failed" << std::endl;
+        return {};
+    }
+
+    FrameRange range;
+    range.ok = true;
+    range.first = frameCount - newFrames;
+    range.last = frameCount;
+    if (keepEdgeFrames) {
+        edgeFrames = 2;
+        if (!eof) {
+            // The newest frame still lacks its right neighbour; it is handed
+            // out again, completed, by the next call.
+            --range.last;
+        }
+        if (firstCall) {
+            firstCall = false;
+        } else {
+            --range.first;
+        }
+    }
+    TW_LOG(debug, "PreProcessor::process") << "Process signal finished";
+    heldBackSpectrum = packFrames(range.last, frameCount);
+    return range;
+}
+
+void PreProcessor::shiftSpectrogram(std::uint64_t newFrames) {
+    if (newFrames == 0) {
+        return;
+    }
+    const std::uint64_t bins = spectrogram.shape()[2];
+    const std::uint64_t planes = spectrogram.shape()[0];
+    const std::uint64_t kept = newFrames >= frameCount ? 0 : frameCount - newFrames;
+    for (std::uint64_t p = 0; p < planes; ++p) {
+        float* plane = spectrogram.data() + p * frameCount * bins;
+        if (kept != 0) {
+            std::memmove(plane, plane + newFrames * bins, kept * bins * sizeof(float));
+        }
+        std::fill(plane + kept * bins, plane + frameCount * bins, 0.0F);
+    }
+}
+
+void PreProcessor::writeNewFrames(const xt::xtensor<float, 2>& input, std::uint64_t newFrames) {
+    const std::uint64_t length = input.shape()[1];
+    const std::uint64_t bins = fftSize / 2;
+    const float* win = window.data();
+    // Frames are anchored at the end of the input so that the newest frame
+    // ends exactly with the newest sample.
+    std::uint64_t end = length;
+    std::uint64_t slot = frameCount - 1;
+    for (std::uint64_t f = 0; f < newFrames; ++f, end -= hopSize, --slot) {
+        for (std::uint64_t c = 0; c < channelCount; ++c) {
+            const float* src = input.data() + c * length + (end - fftSize);
+            float* dst = frameScratch.data() + c * fftSize;
+            for (std::uint64_t i = 0; i < fftSize; ++i) {
+                dst[i] = src[i] * win[i];
+            }
+        }
+        const xt::xtensor<float, 2> packed = fft.forward(frameScratch);
+        for (std::uint64_t c = 0; c < channelCount; ++c) {
+            const float* row = packed.data() + c * fftSize;
+            float* re = spectrogram.data() + ((2 * c) * frameCount + slot) * bins;
+            float* im = spectrogram.data() + ((2 * c + 1) * frameCount + slot) * bins;
+            for (std::uint64_t k = 0; k < bins; ++k) {
+                re[k] = row[2 * k];
+                im[k] = row[2 * k + 1];
+            }
+        }
+    }
+}
+
+void PreProcessor::packInto(std::uint64_t output, std::uint64_t channel, std::uint64_t slot, float* dst) const {
+    const std::uint64_t bins = fftSize / 2;
+    const std::uint64_t planeSize = frameCount * bins;
+    const float* planes = modelOutputs.data() + output * 2 * channelCount * planeSize;
+    const float* re = planes + (2 * channel) * planeSize + slot * bins;
+    const float* im = planes + (2 * channel + 1) * planeSize + slot * bins;
+    for (std::uint64_t k = 0; k < bins; ++k) {
+        dst[2 * k] = re[k];
+        dst[2 * k + 1] = im[k];
+    }
+}
+
+void PreProcessor::packFrame(std::uint64_t output, std::uint64_t slot, xt::xtensor<float, 2>& frame) const {
+    if (output >= outputCount || slot >= frameCount || frame.shape()[0] != channelCount ||
+        frame.shape()[1] != fftSize) {
+        throw std::invalid_argument("PreProcessor::packFrame: no frame " + std::to_string(slot) + " of output " +
+                                    std::to_string(output) + " fits the given array");
+    }
+    for (std::uint64_t c = 0; c < channelCount; ++c) {
+        packInto(output, c, slot, frame.data() + c * fftSize);
+    }
+}
+
+xt::xarray<float> PreProcessor::packFrames(std::uint64_t firstSlot, std::uint64_t lastSlot) const {
+    const std::uint64_t frames = lastSlot - firstSlot;
+    xt::xarray<float> packed = xt::xarray<float>::from_shape({outputCount, channelCount, frames * fftSize});
+    float* dst = packed.data();
+    for (std::uint64_t s = 0; s < outputCount; ++s) {
+        for (std::uint64_t c = 0; c < channelCount; ++c) {
+            for (std::uint64_t t = firstSlot; t < lastSlot; ++t, dst += fftSize) {
+                packInto(s, c, t, dst);
+            }
+        }
+    }
+    return packed;
+}
+
+}  // namespace tonwerk

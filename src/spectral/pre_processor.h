@@ -23,13 +23,46 @@ public:
 
     // `input` is {channels, L} with fftSize <= L <= maxInputLength(). Returns
     // {outputCount, channels, M * fftSize} for M returned frames, or a
-    // dimensionless array when the model run failed.
+    // dimensionless array when the model run failed. Throws
+    // std::invalid_argument for an input too short for one frame or with more
+    // new frames than the spectrogram can take.
     xt::xarray<float> process(const xt::xtensor<float, 2>& input, bool eof);
+
+    // The frames a call hands out: spectrogram slots [first, last). `ok` is
+    // false when the model run failed (no frames then).
+    struct FrameRange {
+        std::uint64_t first = 0;
+        std::uint64_t last = 0;
+        bool ok = false;
+        std::uint64_t count() const { return ok ? last - first : 0; }
+    };
+
+    // Everything process() does except building its result: the frames stay
+    // in the model's output buffers, where packFrame() reads them until the
+    // next call. Streaming callers use this to avoid materialising every
+    // stem's spectra at once.
+    FrameRange analyse(const xt::xtensor<float, 2>& input, bool eof);
+
+    // Frame `slot` of model output `output` for every channel, packed as the
+    // inverse transform reads it, into `frame` ({channels, fftSize}).
+    void packFrame(std::uint64_t output, std::uint64_t slot, xt::xtensor<float, 2>& frame) const;
 
     // Longest input whose frames fit together with the held edge frames.
     std::uint64_t maxInputLength() const;
 
+    // Most new frames the next call may bring: every slot of the spectrogram
+    // on the first call, one fewer once a frame is held back.
+    std::uint64_t maxNewFrames() const;
+
 private:
+    void shiftSpectrogram(std::uint64_t newFrames);
+    void writeNewFrames(const xt::xtensor<float, 2>& input, std::uint64_t newFrames);
+    // Every output's frames in slots [firstSlot, lastSlot), packed as the
+    // inverse transform reads them: {outputCount, channels, frames * fftSize}.
+    xt::xarray<float> packFrames(std::uint64_t firstSlot, std::uint64_t lastSlot) const;
+    // One channel's frame at `slot` of output `output`, interleaved into `dst`.
+    void packInto(std::uint64_t output, std::uint64_t channel, std::uint64_t slot, float* dst) const;
+
     std::uint64_t channelCount;
     std::uint64_t fftSize;
     std::uint64_t hopSize;
@@ -43,6 +76,11 @@ private:
     xt::xtensor<float, 3> spectrogram;
     xt::xarray<float> heldBackSpectrum;
     bool firstCall = true;
+    // {outputCount, 2 * channels, frameCount, fftSize / 2}: the model writes
+    // every element of every output on each run.
+    xt::xtensor<float, 4> modelOutputs;
+    // One windowed frame of every channel, {channels, fftSize}.
+    xt::xtensor<float, 2> frameScratch;
 };
 
 }  // namespace tonwerk

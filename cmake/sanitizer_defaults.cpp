@@ -1,4 +1,4 @@
-// Sanitizer defaults for test programs that load ONNX Runtime.
+// Sanitizer defaults, built into every program of a sanitizer build.
 //
 // The runtime is built without the sanitizers, and the first environment it
 // creates keeps one small allocation for the rest of the process (14 bytes

@@ -100,10 +100,11 @@ public:
     TonwerkProc(std::shared_ptr<InferenceContext> context, TonwerkProcConfig config);
     ~TonwerkProc();
 
-    // Shallow: afterwards both handles share one implementation; this object's
-    // previous implementation is neither destroyed nor freed. Destroying both
-    // handles afterwards frees the shared implementation twice, so a host that
-    // uses this must release one handle's ownership by other means.
+    // Shallow: afterwards both handles share one implementation, and this
+    // object's previous implementation is neither destroyed nor freed (it
+    // leaks). Each handle still frees its implementation when destroyed, so
+    // destroying both frees the shared one twice: a host that assigns must
+    // keep one of the two handles alive for the rest of the process.
     TonwerkProc& operator=(const TonwerkProc& other);
 
     // Frames per channel one process() call should carry at most:

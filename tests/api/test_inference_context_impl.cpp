@@ -2,7 +2,7 @@
 #include "api/inference_context_impl.h"
 #include "api/model_scrambling.h"
 
-#include "inference/model_files.h"
+#include "test_support.h"
 
 #include <gtest/gtest.h>
 
@@ -49,6 +49,7 @@ TEST(InferenceContextImpl, KeyedModelRunsBitIdenticallyToThePlainOne) {
     for (std::size_t i = 0; i < kCount; ++i) input[i] = static_cast<float>(i % 977) * 0.013f - 6.0f;
     const auto expected = runAllStems(plain, input);
     const auto actual = runAllStems(keyed, input);
+    EXPECT_THROW(InferenceContextImpl(ModelData{scrambled.data(), scrambled.size(), ""}), std::exception);
     for (std::size_t s = 0; s < 6; ++s) {
         EXPECT_EQ(std::memcmp(actual[s].data(), expected[s].data(), kCount * sizeof(float)), 0) << "output " << s;
     }

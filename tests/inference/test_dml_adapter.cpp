@@ -1,10 +1,9 @@
 #include "inference/dml_adapter.h"
 
-#include "capture_stdout.h"
 #include "common/logging.h"
+#include "test_support.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <map>
 
@@ -57,69 +56,69 @@ DxgiAdapterSource::Description software(std::uint32_t vendorId) { return {vendor
 class DmlAdapterTest : public ::testing::Test {
 protected:
     void SetUp() override { ASSERT_NE(logging_, nullptr) << "another logger is active"; }
+    // The chosen index; the log lines of the choice go to `log`.
+    int select() {
+        int index = -1;
+        log = test::linesWith(test::stdoutOf([&] { index = selectDmlAdapterIndex(dxgi); }), "[INFERENCE_onnx]");
+        EXPECT_EQ(dxgi.held, 0);
+        EXPECT_EQ(dxgi.factoryReleased, dxgi.factoryResult == 0);
+        return index;
+    }
     FakeDxgi dxgi;
+    std::vector<std::string> log;
 
 private:
     std::unique_ptr<log::LogSetup> logging_ = log::LogSetup::trySetUp();
 };
 
-TEST_F(DmlAdapterTest, NoAdaptersFallsBackToZeroQuietly) {
-    test::CaptureStdout out;
-    EXPECT_EQ(selectDmlAdapterIndex(dxgi), 0);
-    EXPECT_THAT(dxgi.enumerated, ElementsAre(0u));
-    EXPECT_TRUE(dxgi.factoryReleased);
-    EXPECT_THAT(out.text(), IsEmpty());
-}
-
-TEST_F(DmlAdapterTest, HardwareNvidiaBeatsAmdWhichBeatsTheRest) {
-    dxgi.adapters = {{0, hardware(kAmd)}, {1, software(kNvidia)}, {2, hardware(kNvidia)}, {3, hardware(kNvidia)}};
-    EXPECT_EQ(selectDmlAdapterIndex(dxgi), 2);
-    EXPECT_THAT(dxgi.enumerated, ElementsAre(0u, 1u, 2u, 3u, 4u));
-    EXPECT_EQ(dxgi.held, 0);
-
-    FakeDxgi amd;
-    amd.adapters = {{0, hardware(kIntel)}, {1, software(kAmd)}, {2, hardware(kAmdAlternative)}};
-    EXPECT_EQ(selectDmlAdapterIndex(amd), 2);
-
-    FakeDxgi onlySoftware;
-    onlySoftware.adapters = {{0, hardware(kIntel)}, {1, software(kNvidia)}, {2, software(kAmd)}};
-    EXPECT_EQ(selectDmlAdapterIndex(onlySoftware), 0);
+TEST_F(DmlAdapterTest, HardwareNvidiaBeatsAmdWhichBeatsTheRestAndNothingFallsBackToZero) {
+    struct Case {
+        std::map<std::uint32_t, DxgiAdapterSource::Description> adapters;
+        int expected;
+    };
+    const std::vector<Case> cases = {
+        {{}, 0},
+        {{{0, hardware(kAmd)}, {1, software(kNvidia)}, {2, hardware(kNvidia)}, {3, hardware(kNvidia)}}, 2},
+        {{{0, hardware(kIntel)}, {1, software(kAmd)}, {2, hardware(kAmdAlternative)}}, 2},
+        {{{0, hardware(kIntel)}, {1, software(kNvidia)}, {2, software(kAmd)}}, 0},
+    };
+    for (const Case& c : cases) {
+        dxgi = FakeDxgi();
+        dxgi.adapters = c.adapters;
+        EXPECT_EQ(select(), c.expected) << c.adapters.size() << " adapters";
+        EXPECT_EQ(dxgi.enumerated.size(), c.adapters.size() + 1);
+        EXPECT_THAT(log, IsEmpty());
+    }
 }
 
 TEST_F(DmlAdapterTest, UnreadableDescriptionIsSkippedAndEnumerationGoesOn) {
     dxgi.adapters = {{0, hardware(kNvidia)}, {1, hardware(kAmd)}};
     dxgi.describeFailures = {{0, 0x80004005u}};
-    test::CaptureStdout out;
-    EXPECT_EQ(selectDmlAdapterIndex(dxgi), 1);
-    EXPECT_EQ(dxgi.held, 0);
-    const auto lines = out.linesWith("[INFERENCE_onnx]");
-    ASSERT_THAT(lines, SizeIs(1));
-    EXPECT_THAT(lines[0], HasSubstr("WARN  ["));
-    EXPECT_THAT(lines[0], HasSubstr(
-        "] [INFERENCE_onnx] Failed to read DXGI adapter description for index 0. HRESULT=2147500037"));
+    EXPECT_EQ(select(), 1);
+    ASSERT_THAT(log, SizeIs(1));
+    EXPECT_THAT(log[0], HasSubstr("WARN  ["));
+    EXPECT_THAT(log[0],
+                HasSubstr("] [INFERENCE_onnx] Failed to read DXGI adapter description for index 0. HRESULT=2147500037"));
 }
 
 TEST_F(DmlAdapterTest, EnumerationFailureStopsButKeepsEarlierAdapters) {
     dxgi.adapters = {{0, hardware(kIntel)}, {1, hardware(kAmd)}, {3, hardware(kNvidia)}};
     dxgi.enumFailures = {{2, 0x887A0001u}};
-    test::CaptureStdout out;
-    EXPECT_EQ(selectDmlAdapterIndex(dxgi), 1);
+    EXPECT_EQ(select(), 1);
     EXPECT_THAT(dxgi.enumerated, ElementsAre(0u, 1u, 2u));
-    EXPECT_TRUE(dxgi.factoryReleased);
-    EXPECT_THAT(out.linesWith("] [INFERENCE_onnx] Failed to enumerate DXGI adapter 2, fallback search stops. "
-                              "HRESULT=2289696769"),
-                SizeIs(1));
+    ASSERT_THAT(log, SizeIs(1));
+    EXPECT_THAT(log[0], HasSubstr("] [INFERENCE_onnx] Failed to enumerate DXGI adapter 2, fallback search stops. "
+                                  "HRESULT=2289696769"));
 }
 
 TEST_F(DmlAdapterTest, FactoryFailureFallsBackToZero) {
     dxgi.adapters = {{0, hardware(kIntel)}, {1, hardware(kNvidia)}};
     dxgi.factoryResult = 0x887A0002u;
-    test::CaptureStdout out;
-    EXPECT_EQ(selectDmlAdapterIndex(dxgi), 0);
+    EXPECT_EQ(select(), 0);
     EXPECT_THAT(dxgi.enumerated, IsEmpty());
-    EXPECT_THAT(out.linesWith("] [INFERENCE_onnx] Failed to create DXGI factory, fallback to DML adapter 0. "
-                              "HRESULT=2289696770"),
-                SizeIs(1));
+    ASSERT_THAT(log, SizeIs(1));
+    EXPECT_THAT(log[0], HasSubstr("] [INFERENCE_onnx] Failed to create DXGI factory, fallback to DML adapter 0. "
+                                  "HRESULT=2289696770"));
 }
 
 TEST(DmlAdapterName, EveryUnitOutsideAsciiBecomesOneQuestionMark) {

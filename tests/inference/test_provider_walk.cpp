@@ -1,17 +1,14 @@
 #include "inference/provider_walk.h"
 
-#include "capture_stdout.h"
 #include "common/logging.h"
 #include "inference/ort_session_runtime.h"
 #include "inference/runtime_loader.h"
-#include "model_files.h"
+#include "test_support.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <set>
-#include <sstream>
 #include <stdexcept>
 
 namespace tonwerk {
@@ -61,32 +58,39 @@ private:
 class ProviderWalkTest : public ::testing::Test {
 protected:
     void SetUp() override { ASSERT_NE(logging_, nullptr) << "another logger is active"; }
+    // Walks `runtime` and returns its log lines.
+    static std::vector<std::string> walk(SessionRuntime& runtime, const std::string& preferred = "") {
+        return test::linesWith(test::stdoutOf([&] { walkExecutionProviders(runtime, preferred); }), "[INFERENCE_onnx]");
+    }
     FakeRuntime runtime;
 
 private:
     std::unique_ptr<log::LogSetup> logging_ = log::LogSetup::trySetUp();
 };
 
-TEST_F(ProviderWalkTest, CpuAloneOrPreferredBuildsOnlyAPlainSession) {
-    test::CaptureStdout out;
-    walkExecutionProviders(runtime, "");
-    EXPECT_THAT(runtime.calls, ElementsAre("plain"));
-
-    FakeRuntime gpus;
-    gpus.available = {"DmlExecutionProvider", "CUDAExecutionProvider", "CPUExecutionProvider"};
-    walkExecutionProviders(gpus, "CPUExecutionProvider");
-    EXPECT_THAT(gpus.calls, ElementsAre("plain"));
-    EXPECT_THAT(out.text(), IsEmpty());
-}
-
-TEST_F(ProviderWalkTest, EveryWorkingProviderIsBuiltAndTheLastOneKept) {
-    runtime.available = {"CUDAExecutionProvider", "DmlExecutionProvider", "CPUExecutionProvider"};
-    test::CaptureStdout out;
-    walkExecutionProviders(runtime, "");
-    EXPECT_THAT(runtime.calls,
-                ElementsAre("begin", "append dml", "create dml", "begin", "append cuda", "create cuda"));
-    EXPECT_EQ(runtime.session, "cuda");
-    EXPECT_THAT(out.text(), IsEmpty());
+// Every working provider is built in the walk's order (the preferred one
+// first) and the last one kept; the CPU alone or preferred builds only a plain session.
+TEST_F(ProviderWalkTest, WorkingProvidersAreBuiltQuietlyAndTheLastOneKept) {
+    struct Case {
+        std::vector<std::string> available;
+        std::string preferred;
+        std::vector<std::string> calls;
+    };
+    const std::vector<std::string> dmlThenCuda = {"begin", "append dml", "create dml", "begin", "append cuda", "create cuda"};
+    const std::vector<Case> cases = {
+        {{"CPUExecutionProvider"}, "", {"plain"}},
+        {{"DmlExecutionProvider", "CUDAExecutionProvider", "CPUExecutionProvider"}, "CPUExecutionProvider", {"plain"}},
+        {{"CUDAExecutionProvider", "DmlExecutionProvider", "CPUExecutionProvider"}, "", dmlThenCuda},
+        {{"CUDAExecutionProvider", "ROCmExecutionProvider", "CPUExecutionProvider"}, "ROCmExecutionProvider",
+         {"begin", "append rocm", "create rocm", "begin", "append cuda", "create cuda"}},
+    };
+    for (const Case& c : cases) {
+        FakeRuntime fake;
+        fake.available = c.available;
+        EXPECT_THAT(walk(fake, c.preferred), IsEmpty());
+        EXPECT_EQ(fake.calls, c.calls) << c.preferred;
+        EXPECT_EQ(fake.session, c.calls.size() == 1 ? "plain" : "cuda");
+    }
 }
 
 TEST_F(ProviderWalkTest, UnknownProvidersWarnAndFailuresMoveOnToTheNext) {
@@ -94,12 +98,10 @@ TEST_F(ProviderWalkTest, UnknownProvidersWarnAndFailuresMoveOnToTheNext) {
                          "CUDAExecutionProvider", "QNNExecutionProvider",    "DmlExecutionProvider"};
     runtime.failCreate = {"dml"};
     runtime.failAppend = {"cuda"};
-    test::CaptureStdout out;
-    walkExecutionProviders(runtime, "");
+    const auto lines = walk(runtime);
     EXPECT_THAT(runtime.calls, ElementsAre("begin", "append dml", "create dml", "begin" /* QNN */, "begin",
                                            "append cuda", "begin", "append rocm", "create rocm", "begin" /* CoreML */));
     EXPECT_EQ(runtime.session, "rocm");
-    const auto lines = out.linesWith("[INFERENCE_onnx]");
     ASSERT_THAT(lines, SizeIs(4));
     EXPECT_THAT(lines[0], HasSubstr("ERROR ["));
     EXPECT_THAT(lines[0], HasSubstr("] [INFERENCE_onnx] Failed to init backend: dml session failed"));
@@ -107,28 +109,21 @@ TEST_F(ProviderWalkTest, UnknownProvidersWarnAndFailuresMoveOnToTheNext) {
     EXPECT_THAT(lines[1], HasSubstr("] [INFERENCE_onnx] Unknown EP: QNNExecutionProvider"));
     EXPECT_THAT(lines[2], HasSubstr("] [INFERENCE_onnx] Failed to init backend: cuda append failed"));
     EXPECT_THAT(lines[3], HasSubstr("] [INFERENCE_onnx] Unknown EP: CoreMLExecutionProvider"));
+
+    FakeRuntime cudaFails;  // the CPU is the fallback only when no provider succeeded
+    cudaFails.available = {"CUDAExecutionProvider", "CPUExecutionProvider"};
+    cudaFails.failCreate = {"cuda"};
+    EXPECT_THAT(walk(cudaFails), SizeIs(1));
+    EXPECT_THAT(cudaFails.calls, ElementsAre("begin", "append cuda", "create cuda", "plain"));
+    EXPECT_EQ(cudaFails.session, "plain");
 }
 
-TEST_F(ProviderWalkTest, CpuIsTheFallbackOnlyWhenNoProviderSucceeded) {
-    runtime.available = {"CUDAExecutionProvider", "CPUExecutionProvider"};
-    runtime.failCreate = {"cuda"};
-    walkExecutionProviders(runtime, "");
-    EXPECT_THAT(runtime.calls, ElementsAre("begin", "append cuda", "create cuda", "plain"));
-    EXPECT_EQ(runtime.session, "plain");
-}
-
-TEST_F(ProviderWalkTest, PreferredProviderIsTriedFirstEvenOutsideTheList) {
-    runtime.available = {"CUDAExecutionProvider", "ROCmExecutionProvider", "CPUExecutionProvider"};
-    walkExecutionProviders(runtime, "ROCmExecutionProvider");
-    EXPECT_THAT(runtime.calls,
-                ElementsAre("begin", "append rocm", "create rocm", "begin", "append cuda", "create cuda"));
-
-    FakeRuntime other;
-    other.available = {"TensorrtExecutionProvider", "CUDAExecutionProvider", "CPUExecutionProvider"};
-    test::CaptureStdout out;
-    walkExecutionProviders(other, "TensorrtExecutionProvider");
-    EXPECT_THAT(other.calls, ElementsAre("begin", "begin", "append cuda", "create cuda"));
-    EXPECT_THAT(out.linesWith("Unknown EP: TensorrtExecutionProvider"), SizeIs(1));
+TEST_F(ProviderWalkTest, UnknownPreferredProviderIsStillTriedFirst) {
+    runtime.available = {"TensorrtExecutionProvider", "CUDAExecutionProvider", "CPUExecutionProvider"};
+    const auto lines = walk(runtime, "TensorrtExecutionProvider");
+    EXPECT_THAT(runtime.calls, ElementsAre("begin", "begin", "append cuda", "create cuda"));
+    ASSERT_THAT(lines, SizeIs(1));
+    EXPECT_THAT(lines[0], HasSubstr("Unknown EP: TensorrtExecutionProvider"));
 }
 
 TEST_F(ProviderWalkTest, FailuresOutsideTheProviderAttemptsAreLoggedAndRethrown) {
@@ -136,9 +131,9 @@ TEST_F(ProviderWalkTest, FailuresOutsideTheProviderAttemptsAreLoggedAndRethrown)
         FakeRuntime failing;
         failing.failQuery = queryFails;
         failing.failPlain = !queryFails;
-        test::CaptureStdout out;
-        EXPECT_THROW(walkExecutionProviders(failing, ""), std::runtime_error);
-        const auto lines = out.linesWith("ERROR");
+        const auto lines = test::linesWith(test::stdoutOf([&] {
+            EXPECT_THROW(walkExecutionProviders(failing, ""), std::runtime_error);
+        }), "ERROR");
         ASSERT_THAT(lines, SizeIs(1));
         EXPECT_THAT(lines[0], HasSubstr(std::string("[INFERENCE_onnx] Failed to initialize ONNX session: ") +
                                         (queryFails ? "provider query failed" : "cpu session failed")));
@@ -160,24 +155,18 @@ protected:
 TEST_F(RealRuntimeWalkTest, UnusableGpuProvidersFallBackToAWorkingCpuSession) {
     OrtSessionRuntime real(env, model.data(), model.size());
     const auto available = real.availableProviders();
-    test::CaptureStdout capture;
-    walkExecutionProviders(real, "");
-    const std::string log = capture.text();
+    const std::string log = test::stdoutOf([&] { walkExecutionProviders(real, ""); });
 
     // Only the runtime's own library is shipped, never its GPU provider
     // libraries, so every GPU provider it reports fails to append.
-    std::size_t gpuProviders = 0;
-    for (const char* gpu : {"CUDAExecutionProvider", "ROCmExecutionProvider"}) {
-        gpuProviders += std::count(available.begin(), available.end(), gpu);
-    }
-    std::istringstream lines(log);
-    std::size_t failures = 0;
-    for (std::string line; std::getline(lines, line); ++failures) {
+    const auto gpuProviders = std::count(available.begin(), available.end(), "CUDAExecutionProvider") +
+                              std::count(available.begin(), available.end(), "ROCmExecutionProvider");
+    const auto lines = test::linesWith(log, "");
+    EXPECT_EQ(static_cast<std::ptrdiff_t>(lines.size()), gpuProviders) << log;
+    for (const auto& line : lines) {
         EXPECT_THAT(line, HasSubstr("ERROR"));
         EXPECT_THAT(line, HasSubstr("] [INFERENCE_onnx] Failed to init backend: "));
     }
-    EXPECT_EQ(failures, gpuProviders);
-
     auto session = real.takeSession();
     ASSERT_NE(session, nullptr);
     EXPECT_EQ(session->GetInputCount(), 7u);
@@ -188,13 +177,9 @@ TEST_F(RealRuntimeWalkTest, UnusableGpuProvidersFallBackToAWorkingCpuSession) {
 TEST_F(RealRuntimeWalkTest, FailingDirectMlAppendStillEndsWithASession) {
     struct DirectMlReported : OrtSessionRuntime {
         using OrtSessionRuntime::OrtSessionRuntime;
-        std::vector<std::string> availableProviders() override {
-            return {"DmlExecutionProvider", "CPUExecutionProvider"};
-        }
+        std::vector<std::string> availableProviders() override { return {"DmlExecutionProvider", "CPUExecutionProvider"}; }
     } real(env, model.data(), model.size());
-    test::CaptureStdout out;
-    walkExecutionProviders(real, "");
-    EXPECT_THAT(out.text(), IsEmpty());
+    EXPECT_EQ(test::stdoutOf([&] { walkExecutionProviders(real, ""); }), "");
     EXPECT_NE(real.takeSession(), nullptr);
 }
 

@@ -1,7 +1,6 @@
 #include "inference/runtime_loader_posix.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <climits>
 #include <stdexcept>
@@ -20,12 +19,6 @@ std::string executableDirectory() {
     return exe.substr(0, exe.find_last_of('/'));
 }
 
-// The backend is linked statically into this test, so "our module" is the
-// test program; the path is absolute however the program was started.
-TEST(RuntimeLoader, LooksNextToTheModuleHoldingTheBackend) {
-    EXPECT_EQ(ortLibraryPath(), executableDirectory() + "/libonnxruntime_pelagrin.so");
-}
-
 std::string loadError(const std::string& path) {
     try {
         loadOrtApiBase(path);
@@ -35,7 +28,10 @@ std::string loadError(const std::string& path) {
     return "no error";
 }
 
-TEST(RuntimeLoader, FailuresNameTheLibraryAndTheReason) {
+// The backend is linked statically into this test, so "our module" is the
+// test program; the path is absolute however the program was started.
+TEST(RuntimeLoader, LooksNextToTheModuleAndFailuresNameTheLibraryAndTheReason) {
+    EXPECT_EQ(ortLibraryPath(), executableDirectory() + "/libonnxruntime_pelagrin.so");
     const std::string missing = executableDirectory() + "/no-such-dir/libonnxruntime_pelagrin.so";
     EXPECT_THAT(loadError(missing), AllOf(HasSubstr(missing), HasSubstr("No such file or directory")));
     EXPECT_THAT(loadError("libm.so.6"), AllOf(HasSubstr("libm.so.6"), HasSubstr("OrtGetApiBase")));

@@ -1,17 +1,19 @@
 #include "pipeline/buffer_aggregator.h"
 
 #include "common/logging.h"
+#include "test_support.h"
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 #include <xtensor/xview.hpp>
 
-#include <algorithm>
 #include <stdexcept>
 #include <string>
 
 namespace tonwerk {
 namespace {
+
+using ::testing::EndsWith;
 
 // {2, n}: channel 0 counts first, first + 1, ...; channel 1 is the same plus 100.
 xt::xarray<float> ramp(float first, std::size_t n) {
@@ -23,7 +25,7 @@ xt::xarray<float> ramp(float first, std::size_t n) {
     return chunk;
 }
 
-TEST(BufferAggregator, WrapsAroundInOrderAndKeepsTheNewestSamples) {
+TEST(BufferAggregator, WrapsAroundInOrderKeepsTheNewestSamplesAndRejectsOverflow) {
     BufferAggregator buffer(2, 8, 1);
     buffer.push(ramp(0, 6));
     EXPECT_EQ(buffer.get(4, 1), ramp(0, 4));  // keeps sample 3
@@ -36,14 +38,10 @@ TEST(BufferAggregator, WrapsAroundInOrderAndKeepsTheNewestSamples) {
     EXPECT_EQ(buffer.heldLength(), 0u);
     EXPECT_EQ(buffer.flush().shape(), (std::vector<std::size_t>{2, 0}));
     // After a flush the whole capacity is free again, and the data intact.
-    buffer.push(ramp(20, 8));
-    EXPECT_EQ(buffer.flush(), ramp(20, 8));
-}
+    buffer.push(ramp(20, 5));
+    EXPECT_EQ(buffer.get(3, 0), ramp(20, 3));  // leaves 23 and 24
 
-TEST(BufferAggregator, OverflowLeavesEverythingUnchanged) {
-    BufferAggregator buffer(2, 8, 1);
-    buffer.push(ramp(0, 5));
-    EXPECT_EQ(buffer.get(3, 0), ramp(0, 3));  // start 3, so the next push wraps
+    // An overflowing push leaves everything unchanged; exactly the free space fits.
     try {
         buffer.push(ramp(50, 7));
         FAIL() << "overflow accepted";
@@ -51,29 +49,26 @@ TEST(BufferAggregator, OverflowLeavesEverythingUnchanged) {
         EXPECT_STREQ(e.what(), "Buffer overflow: cannot accept chunk of size 7");
     }
     EXPECT_EQ(buffer.heldLength(), 2u);
-    buffer.push(ramp(5, 6));  // exactly the free space
+    buffer.push(ramp(25, 6));
     EXPECT_EQ(buffer.heldLength(), 8u);
-    EXPECT_EQ(buffer.flush(), ramp(3, 8));
+    EXPECT_EQ(buffer.flush(), ramp(23, 8));
 }
 
 TEST(BufferAggregator, UnderflowWarnsAndReturnsNothing) {
     auto logging = log::LogSetup::trySetUp();
     ASSERT_NE(logging, nullptr);
     BufferAggregator buffer(2, 8, 1);
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(buffer.get(0, 0).dimension(), 0u);
-    buffer.push(ramp(0, 3));
-    EXPECT_EQ(buffer.get(4, 0).dimension(), 0u);
-    const std::string printed = testing::internal::GetCapturedStdout();
-    EXPECT_NE(printed.find("[BufferAggregator::get@"), std::string::npos) << printed;
-    EXPECT_NE(printed.find("BufferAggregator::get - cannot return requested size: 0, current length: 0\n"),
-              std::string::npos)
-        << printed;
-    EXPECT_NE(printed.find("BufferAggregator::get - cannot return requested size: 4, current length: 3\n"),
-              std::string::npos)
-        << printed;
+    const std::string printed = test::stdoutOf([&] {
+        EXPECT_EQ(buffer.get(0, 0).dimension(), 0u);
+        buffer.push(ramp(0, 3));
+        EXPECT_EQ(buffer.get(4, 0).dimension(), 0u);
+    });
     // Only the two warnings print at the default threshold.
-    EXPECT_EQ(std::count(printed.begin(), printed.end(), '\n'), 2) << printed;
+    const auto lines = test::linesWith(printed, "");
+    ASSERT_EQ(lines.size(), 2u) << printed;
+    EXPECT_NE(lines[0].find("[BufferAggregator::get@"), std::string::npos) << printed;
+    EXPECT_THAT(lines[0], EndsWith("BufferAggregator::get - cannot return requested size: 0, current length: 0"));
+    EXPECT_THAT(lines[1], EndsWith("BufferAggregator::get - cannot return requested size: 4, current length: 3"));
     EXPECT_EQ(buffer.get(0, 0), ramp(0, 3));
 }
 

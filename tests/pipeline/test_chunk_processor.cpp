@@ -3,9 +3,8 @@
 // exactly as long as the input and aligned with the mixture row.
 #include "pipeline/chunk_processor.h"
 
-#include "inference/inference.h"
-#include "inference/model_files.h"
 #include "pipeline/stream_padding.h"
+#include "test_support.h"
 
 #include <gtest/gtest.h>
 
@@ -20,17 +19,7 @@
 namespace tonwerk {
 namespace {
 
-std::shared_ptr<IInference> identityBackend() {
-    const auto bytes = test::readModel("identity.onnx");
-    auto backend = makeInferenceBackend(bytes.data(), bytes.size(), {},
-                                        {"vocals_output", "drum_output", "piano_output", "acoustic_guitar_output",
-                                         "electric_guitar_output", "bass_output"},
-                                        "CPUExecutionProvider");
-    setSelectedStems(backend, StemFlags{true, true, true, true, true, true});
-    return backend;
-}
-
-ChunkProcessor makeChunkProcessor() { return ChunkProcessor(identityBackend(), 2, 4096, 1024, 0, 256, 6); }
+ChunkProcessor makeChunkProcessor() { return ChunkProcessor(test::identityBackend(), 2, 4096, 1024, 0, 256, 6); }
 
 // A slow sine per channel: a one-sample slip would show as an error of 0.02.
 xt::xarray<float> stereo(std::size_t length) {
@@ -69,10 +58,8 @@ TEST_P(ShortStream, ComesBackWholeAndAlignedAfterPaddingBothEnds) {
 INSTANTIATE_TEST_SUITE_P(Lengths, ShortStream, ::testing::Values(1, 2, 1000, 1024, 1025, 4096, 5000, 9000));
 
 TEST(ChunkProcessor, NothingToSeparateGivesNoResult) {
-    ChunkProcessor chunks = makeChunkProcessor();
-    EXPECT_EQ(chunks.process(stereo(257023), false).dimension(), 0u);
-    ChunkProcessor empty = makeChunkProcessor();
-    EXPECT_EQ(empty.process(xt::xarray<float>::from_shape({2, 0}), true).dimension(), 0u);
+    EXPECT_EQ(makeChunkProcessor().process(stereo(257023), false).dimension(), 0u);
+    EXPECT_EQ(makeChunkProcessor().process(xt::xarray<float>::from_shape({2, 0}), true).dimension(), 0u);
 }
 
 TEST(StreamPadding, MirrorsWithoutRepeatingTheEdgeThenAddsSilence) {

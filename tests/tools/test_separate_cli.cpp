@@ -1,7 +1,6 @@
 // tonwerk-separate end to end: real files in, real library and runtime, the
 // identity test model (vocals = input, the other five silent).
-#include "test_audio.h"
-#include "tool_runner.h"
+#include "tool_support.h"
 
 #include <gtest/gtest.h>
 #include <sndfile.h>
@@ -33,13 +32,6 @@ protected:
         return stems;
     }
 
-    static std::vector<std::string> stemFileNames(const std::string& base) {
-        std::vector<std::string> names;
-        for (const std::string& stem : allStems) names.push_back(base + "." + stem + ".wav");
-        std::sort(names.begin(), names.end());
-        return names;
-    }
-
     // Every stem has the input's shape and the requested sample format.
     static void expectShapeOf(const TestAudio& input, const std::map<std::string, TestAudio>& stems, int format) {
         for (const auto& [name, stem] : stems) {
@@ -55,23 +47,15 @@ protected:
         return std::all_of(audio.samples.begin(), audio.samples.end(), [](float v) { return v == 0.0f; });
     }
 
-    static std::vector<float> sum(const TestAudio& a, const TestAudio& b) {
-        std::vector<float> total(a.samples.size());
-        for (std::size_t i = 0; i < total.size(); ++i) total[i] = a.samples[i] + b.samples[i];
-        return total;
-    }
 
     // The summary row of `stem`, split into words.
     static std::vector<std::string> summaryRow(const std::string& out, const std::string& stem) {
+        std::vector<std::string> words;
         for (const std::string& line : linesOf(out)) {
-            if (line.rfind(stem + " ", 0) == 0) {
-                std::vector<std::string> words;
-                std::istringstream in(line);
-                for (std::string word; in >> word;) words.push_back(word);
-                return words;
-            }
+            std::istringstream in(line);
+            for (std::string word; line.rfind(stem + " ", 0) == 0 && in >> word;) words.push_back(word);
         }
-        return {};
+        return words;
     }
 };
 
@@ -86,14 +70,19 @@ TEST_F(SeparateCli, FloatStereoAt44100ComesBackThroughTheIdentityModelAndIsScore
                                   identityModel, "--reference-dir", (scratch / "refs").string()});
     ASSERT_EQ(run.exitStatus, 0) << run.err;
 
-    EXPECT_EQ(folderEntries(scratch / "out"), stemFileNames("song"));  // and no temporary files
+    std::vector<std::string> names;
+    for (const std::string& stem : allStems) names.push_back("song." + stem + ".wav");
+    std::sort(names.begin(), names.end());
+    EXPECT_EQ(folderEntries(scratch / "out"), names);  // and no temporary files
     const auto stems = readStems(scratch / "out", "song");
     expectShapeOf(input, stems, SF_FORMAT_WAV | SF_FORMAT_FLOAT);
     EXPECT_LE(maxAbsDifference(stems.at("vocals").samples, input.samples), 1e-6f);
     for (const char* silent : {"drum", "piano", "acoustic_guitar", "electric_guitar", "bass"}) {
         EXPECT_TRUE(allZero(stems.at(silent))) << silent;
     }
-    EXPECT_LE(maxAbsDifference(sum(stems.at("residual"), stems.at("mix")), input.samples), 1e-6f);
+    std::vector<float> restored = stems.at("mix").samples;
+    for (std::size_t i = 0; i < restored.size(); ++i) restored[i] += stems.at("residual").samples[i];
+    EXPECT_LE(maxAbsDifference(restored, input.samples), 1e-6f);
 
     const auto vocalsRow = summaryRow(run.out, "vocals");
     ASSERT_EQ(vocalsRow.size(), 4u) << run.out;
@@ -102,38 +91,36 @@ TEST_F(SeparateCli, FloatStereoAt44100ComesBackThroughTheIdentityModelAndIsScore
     EXPECT_EQ(summaryRow(run.out, "piano").back(), "-");
 }
 
-TEST_F(SeparateCli, Mono16BitAt22050StaysMono16BitAt22050) {
-    const TestAudio input = makeTones(22050, 1, 2.0, 330.0, SF_FORMAT_WAV | SF_FORMAT_PCM_16);
-    writeAudio(scratch / "voice.wav", input);
-
-    const ToolRun run = separate({(scratch / "voice.wav").string(), "-o", scratch.path().string(), "--model",
-                                  identityModel});
-    ASSERT_EQ(run.exitStatus, 0) << run.err;
-
-    const auto stems = readStems(scratch.path(), "voice");
-    expectShapeOf(input, stems, SF_FORMAT_WAV | SF_FORMAT_PCM_16);
-    // Two rate conversions and one more 16-bit rounding: within two steps of 2^-15.
-    EXPECT_LE(maxAbsDifference(stems.at("vocals").samples, readAudio(scratch / "voice.wav").samples), 6.2e-5f);
-}
-
-TEST_F(SeparateCli, Stereo24BitAt48000Keeps24BitsAndFormatOptionOverrides) {
-    const TestAudio input = makeTones(48000, 2, 1.5, 180.0, SF_FORMAT_WAV | SF_FORMAT_PCM_24);
-    writeAudio(scratch / "take.wav", input);
-    const TestAudio stored = readAudio(scratch / "take.wav");
-
-    const ToolRun run = separate({(scratch / "take.wav").string(), "-o", (scratch / "pcm").string(), "--model",
-                                  identityModel});
-    ASSERT_EQ(run.exitStatus, 0) << run.err;
-    const auto stems = readStems(scratch / "pcm", "take");
-    expectShapeOf(input, stems, SF_FORMAT_WAV | SF_FORMAT_PCM_24);
-    EXPECT_LE(maxAbsDifference(stems.at("vocals").samples, stored.samples), 1e-5f);
-
-    const ToolRun asFloat = separate({(scratch / "take.wav").string(), "-o", (scratch / "float").string(),
-                                      "--model", identityModel, "--format", "float", "--block", "1000"});
-    ASSERT_EQ(asFloat.exitStatus, 0) << asFloat.err;
-    const auto floatStems = readStems(scratch / "float", "take");
-    expectShapeOf(input, floatStems, SF_FORMAT_WAV | SF_FORMAT_FLOAT);
-    EXPECT_LE(maxAbsDifference(floatStems.at("vocals").samples, stored.samples), 1e-5f);
+// The stems keep the input's rate, channels and sample format unless --format
+// overrides it. Two rate conversions and one more 16-bit rounding stay within
+// two steps of 2^-15; 24-bit and float within 1e-5.
+TEST_F(SeparateCli, StemsKeepRateChannelsAndSampleFormat) {
+    struct Case {
+        int rate, channels, format;
+        std::vector<std::string> extraArgs;
+        int outFormat;
+        float tolerance;
+    };
+    const std::vector<Case> cases = {
+        {22050, 1, SF_FORMAT_WAV | SF_FORMAT_PCM_16, {}, SF_FORMAT_WAV | SF_FORMAT_PCM_16, 6.2e-5f},
+        {48000, 2, SF_FORMAT_WAV | SF_FORMAT_PCM_24, {}, SF_FORMAT_WAV | SF_FORMAT_PCM_24, 1e-5f},
+        {48000, 2, SF_FORMAT_WAV | SF_FORMAT_PCM_24, {"--format", "float", "--block", "1000"},
+         SF_FORMAT_WAV | SF_FORMAT_FLOAT, 1e-5f},
+    };
+    for (std::size_t i = 0; i < cases.size(); ++i) {
+        const Case& c = cases[i];
+        SCOPED_TRACE(i);
+        const TestAudio input = makeTones(c.rate, c.channels, 1.5, 180.0 * c.channels, c.format);
+        writeAudio(scratch / "take.wav", input);
+        const fs::path out = scratch / std::to_string(i);
+        std::vector<std::string> args = {(scratch / "take.wav").string(), "-o", out.string(), "--model", identityModel};
+        args.insert(args.end(), c.extraArgs.begin(), c.extraArgs.end());
+        const ToolRun run = separate(args);
+        ASSERT_EQ(run.exitStatus, 0) << run.err;
+        const auto stems = readStems(out, "take");
+        expectShapeOf(input, stems, c.outFormat);
+        EXPECT_LE(maxAbsDifference(stems.at("vocals").samples, readAudio(scratch / "take.wav").samples), c.tolerance);
+    }
 }
 
 TEST_F(SeparateCli, UnselectedStemsGoToTheResidualAndAKeyedModelLoads) {
@@ -154,85 +141,68 @@ TEST_F(SeparateCli, UnselectedStemsGoToTheResidualAndAKeyedModelLoads) {
     EXPECT_LE(maxAbsDifference(stems.at("residual").samples, input.samples), 1e-6f);
 }
 
-struct FailureCase {
-    std::string name;
-    std::vector<std::string> extraArgs;  // after INPUT and -o
-    std::string input;                   // file name in the scratch folder
-    std::string expectedText;            // part of the one error line
-};
-
-TEST_F(SeparateCli, BadInputFailsWithOneLineAndLeavesNothingBehind) {
+// Bad input exits with 3, usage errors with 2; either way one line, and not
+// even the output folder it had to create is left behind.
+TEST_F(SeparateCli, FailuresSayOneLineAndLeaveNothingBehind) {
     writeAudio(scratch / "good.wav", makeTones(44100, 2, 0.5, 440.0, SF_FORMAT_WAV | SF_FORMAT_FLOAT));
     writeAudio(scratch / "six.wav", makeTones(44100, 6, 0.2, 440.0, SF_FORMAT_WAV | SF_FORMAT_PCM_16));
     std::ofstream(scratch / "notes.wav") << "just some text, not audio\n";
     std::ofstream(scratch / "plain-file") << "x";
-    const ToolRun scramble = runTool("tonwerk-model", {"scramble", identityModel,
-                                                       (scratch / "keyed.onnx").string(), "--key", "right"},
-                                     scratch.path());
-    ASSERT_EQ(scramble.exitStatus, 0);
-
-    const std::vector<FailureCase> cases = {
-        {"missing input", {}, "absent.wav", "absent.wav: no such file"},
-        {"not audio", {}, "notes.wav", "not a readable audio file"},
-        {"six channels", {}, "six.wav", "has 6 channels; only mono and stereo"},
-        {"non-conforming model",
-         {"--model", std::string(TONWERK_TEST_MODELS_DIR) + "/broken_misnamed_output.onnx"},
-         "good.wav",
-         "does not fit the model contract: output \"bass_output\" is missing; unexpected output \"bass_out\""},
-        {"wrong key",
-         {"--model", (scratch / "keyed.onnx").string(), "--key", "wrong"},
-         "good.wav",
-         "not a readable ONNX model"},
-        {"missing model", {"--model", (scratch / "nothing.onnx").string()}, "good.wav", "no such file"},
+    ASSERT_EQ(runTool("tonwerk-model", {"scramble", identityModel, (scratch / "keyed.onnx").string(), "--key", "right"},
+                      scratch.path()).exitStatus, 0);
+    const std::string good = (scratch / "good.wav").string(), out = (scratch / "new" / "out").string();
+    const auto argsFor = [&](const std::string& input, std::vector<std::string> model) {
+        std::vector<std::string> args = {(scratch / input).string(), "-o", out};
+        args.insert(args.end(), model.begin(), model.end());
+        return args;
     };
-    for (const FailureCase& failure : cases) {
-        SCOPED_TRACE(failure.name);
-        std::vector<std::string> args = {(scratch / failure.input).string(), "-o",
-                                         (scratch / "new" / "out").string()};
-        args.insert(args.end(), failure.extraArgs.begin(), failure.extraArgs.end());
-        if (failure.extraArgs.empty()) args.insert(args.end(), {"--model", identityModel});
-        const ToolRun run = separate(args);
-        EXPECT_EQ(run.exitStatus, 3);
-        ASSERT_EQ(linesOf(run.err).size(), 1u) << run.err;
-        EXPECT_EQ(run.err.rfind("tonwerk-separate: ", 0), 0u) << run.err;
-        EXPECT_NE(run.err.find(failure.expectedText), std::string::npos) << run.err;
-        EXPECT_EQ(run.out, "");
-        // Not even the output folder it had to create is left.
+    const std::vector<std::string> identity = {"--model", identityModel};
+    struct Case {
+        std::vector<std::string> args;
+        int exitStatus;
+        std::string expectedText;  // part of the one error line
+    };
+    const std::vector<Case> cases = {
+        {argsFor("absent.wav", identity), 3, "absent.wav: no such file"},
+        {argsFor("notes.wav", identity), 3, "not a readable audio file"},
+        {argsFor("six.wav", identity), 3, "has 6 channels; only mono and stereo"},
+        {argsFor("good.wav", {"--model", std::string(TONWERK_TEST_MODELS_DIR) + "/broken_misnamed_output.onnx"}), 3,
+         "does not fit the model contract: output \"bass_output\" is missing; unexpected output \"bass_out\""},
+        {argsFor("good.wav", {"--model", (scratch / "keyed.onnx").string(), "--key", "wrong"}), 3,
+         "not a readable ONNX model"},
+        {argsFor("good.wav", {"--model", (scratch / "nothing.onnx").string()}), 3, "no such file"},
+        {{}, 2, ""},
+        {{good, "--frobnicate"}, 2, ""},
+        {{good, "other.wav"}, 2, ""},
+        {{good, "--stems", "vocals,voice"}, 2, ""},
+        {{good, "--format", "mp3"}, 2, ""},
+        {{good, "--block", "0"}, 2, ""},
+        {{good, "-o"}, 2, ""},
+    };
+    for (const Case& c : cases) {
+        const ToolRun run = separate(c.args);
+        SCOPED_TRACE(run.err);
+        EXPECT_EQ(run.exitStatus, c.exitStatus);
+        EXPECT_EQ(linesOf(run.err).size(), 1u);
+        EXPECT_NE(run.err.find(c.expectedText), std::string::npos);
+        if (c.exitStatus == 3) {
+            EXPECT_EQ(run.err.rfind("tonwerk-separate: ", 0), 0u);
+            EXPECT_EQ(run.out, "");
+        }
         EXPECT_FALSE(fs::exists(scratch / "new"));
     }
 
-    const ToolRun unwritable = separate({(scratch / "good.wav").string(), "-o", (scratch / "plain-file" / "out").string(),
-                                         "--model", identityModel});
+    // Only known once the separator exists, after the outputs were opened.
+    const ToolRun tooLarge = separate(argsFor("good.wav", {"--model", identityModel, "--block", "300000"}));
+    EXPECT_EQ(tooLarge.exitStatus, 2);
+    EXPECT_NE(tooLarge.err.find("tonwerk-separate: --block may be at most 257024 frames"), std::string::npos);
+    EXPECT_FALSE(fs::exists(scratch / "new"));
+
+    const ToolRun unwritable =
+        separate({good, "-o", (scratch / "plain-file" / "out").string(), "--model", identityModel});
     EXPECT_EQ(unwritable.exitStatus, 3);
     EXPECT_EQ(unwritable.err, "tonwerk-separate: output folder " + (scratch / "plain-file" / "out").string() + ": " +
                                   (scratch / "plain-file").string() + " is not a folder\n");
-}
-
-TEST_F(SeparateCli, UsageErrorsExitWith2) {
-    writeAudio(scratch / "in.wav", makeTones(44100, 2, 0.5, 440.0, SF_FORMAT_WAV | SF_FORMAT_FLOAT));
-    const std::string in = (scratch / "in.wav").string();
-    const std::vector<std::vector<std::string>> cases = {
-        {},
-        {in, "--frobnicate"},
-        {in, "other.wav"},
-        {in, "--stems", "vocals,voice"},
-        {in, "--format", "mp3"},
-        {in, "--block", "0"},
-        {in, "-o"},
-    };
-    for (const auto& args : cases) {
-        const ToolRun run = separate(args);
-        EXPECT_EQ(run.exitStatus, 2) << run.err;
-        EXPECT_EQ(linesOf(run.err).size(), 1u) << run.err;
-    }
-
-    // Only known once the separator exists, after the outputs were opened:
-    // they must be gone again.
-    const ToolRun tooLarge =
-        separate({in, "-o", (scratch / "out").string(), "--model", identityModel, "--block", "300000"});
-    EXPECT_EQ(tooLarge.exitStatus, 2);
-    EXPECT_NE(tooLarge.err.find("tonwerk-separate: --block may be at most 257024 frames"), std::string::npos);
-    EXPECT_FALSE(fs::exists(scratch / "out"));
 }
 
 }  // namespace

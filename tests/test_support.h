@@ -1,0 +1,52 @@
+// Helpers shared by the test programs: generated models, captured log output,
+// the identity model as a backend.
+#pragma once
+
+#include "inference/inference.h"
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <iterator>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace tonwerk::test {
+
+inline std::vector<unsigned char> readModel(const std::string& name) {
+    std::ifstream in(std::string(TONWERK_TEST_MODELS_DIR) + "/" + name, std::ios::binary);
+    if (!in) throw std::runtime_error("missing test model " + name);
+    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+// What `emit` writes to standard output, where log records go.
+template <typename Emit>
+std::string stdoutOf(Emit&& emit) {
+    testing::internal::CaptureStdout();
+    emit();
+    return testing::internal::GetCapturedStdout();
+}
+
+inline std::vector<std::string> linesWith(const std::string& text, const std::string& needle) {
+    std::vector<std::string> lines;
+    std::istringstream stream(text);
+    for (std::string line; std::getline(stream, line);) {
+        if (line.find(needle) != std::string::npos) lines.push_back(line);
+    }
+    return lines;
+}
+
+// identity.onnx on the CPU with every stem selected: vocals = input, the rest silent.
+inline std::shared_ptr<IInference> identityBackend() {
+    const auto bytes = readModel("identity.onnx");
+    auto backend = makeInferenceBackend(bytes.data(), bytes.size(), {},
+                                        {"vocals_output", "drum_output", "piano_output", "acoustic_guitar_output",
+                                         "electric_guitar_output", "bass_output"},
+                                        "CPUExecutionProvider");
+    setSelectedStems(backend, StemFlags{true, true, true, true, true, true});
+    return backend;
+}
+
+}  // namespace tonwerk::test

@@ -123,9 +123,9 @@ std::vector<std::vector<float>> TonwerkProcImpl::process(const std::vector<float
     if (!chunkEngine || !backend) {
         throw std::runtime_error("Processor is not prepared");
     }
-    checkInputLayout(input.size(), channels, interleaved);
     TW_LOG(debug, "tonwerk::TonwerkProcImpl::process")
         << "called with data size: " << input.size() << ", eof=" << eof << ", channels=" << channels;
+    checkInputLayout(input.size(), channels, interleaved);
     const std::size_t frames = input.size() / channels;
     xt::xarray<float> rows = toTwoRows(input, frames, interleaved);
     TW_LOG(debug, "tonwerk::TonwerkProcImpl::process") << "Processing chunk: input size " << frames << ", eof=" << eof;

@@ -2,6 +2,7 @@
 #include "inference/inference.h"
 
 #include "common/logging.h"
+#include "inference/backend_log_names.h"
 #include "inference/ort_session_runtime.h"
 #include "inference/provider_walk.h"
 #include "inference/runtime_loader.h"
@@ -15,7 +16,6 @@
 namespace tonwerk {
 namespace {
 
-constexpr const char* kConstructorName = "tonwerk::InferenceONNXImplMultiStem::InferenceONNXImplMultiStem";
 constexpr const char* kRunName = "tonwerk::InferenceONNXImplMultiStem::run";
 
 constexpr std::size_t kStemCount = 6;
@@ -70,7 +70,7 @@ void removeModelCacheDirectory(const std::string& directory) {
     try {
         if (std::filesystem::exists(directory)) std::filesystem::remove_all(directory);
     } catch (const std::exception& e) {
-        TW_LOG(error, kConstructorName) << "[INFERENCE_onnx] Failed to remove CoreML model cache directory: "
+        TW_LOG(error, kBackendConstructorName) << "[INFERENCE_onnx] Failed to remove CoreML model cache directory: "
                                         << e.what();
     }
 }
@@ -80,7 +80,7 @@ public:
     InferenceONNXImplMultiStem(const void* model, std::size_t modelSize, const std::vector<std::string>& inputNames,
                                const std::vector<std::string>& outputNames, const std::string& preferredProvider)
         : env_(ORT_LOGGING_LEVEL_WARNING, "") {
-        TW_LOG(info, kConstructorName) << "[INFERENCE_onnx] Create Inference ONNX";
+        TW_LOG(info, kBackendConstructorName) << "[INFERENCE_onnx] Create Inference ONNX";
         OrtSessionRuntime runtime(env_, model, modelSize);
         walkExecutionProviders(runtime, preferredProvider);
         session_ = runtime.takeSession();

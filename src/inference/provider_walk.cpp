@@ -1,6 +1,7 @@
 #include "inference/provider_walk.h"
 
 #include "common/logging.h"
+#include "inference/backend_log_names.h"
 
 #include <algorithm>
 #include <exception>
@@ -9,9 +10,6 @@
 namespace tonwerk {
 namespace {
 
-// The walk is one step of building the backend; its records carry the
-// backend constructor's name.
-constexpr const char* kFunction = "tonwerk::InferenceONNXImplMultiStem::InferenceONNXImplMultiStem";
 constexpr const char* kCpuProvider = "CPUExecutionProvider";
 
 // QNN and CoreML are in the preference list for other platforms' builds of
@@ -30,16 +28,16 @@ bool contains(const std::vector<std::string>& names, const std::string& name) {
 void tryProvider(SessionRuntime& runtime, const std::string& name) {
     try {
         runtime.beginAttempt();
-        TW_LOG(info, kFunction) << "[INFERENCE_onnx] Append execution provider: " << name;
+        TW_LOG(info, kBackendConstructorName) << "[INFERENCE_onnx] Append execution provider: " << name;
         const auto rule = appendRule(name);
         if (!rule) {
-            TW_LOG(warning, kFunction) << "[INFERENCE_onnx] Unknown EP: " << name;
+            TW_LOG(warning, kBackendConstructorName) << "[INFERENCE_onnx] Unknown EP: " << name;
             return;
         }
         runtime.appendProvider(*rule);
         runtime.createSession();
     } catch (const std::exception& e) {
-        TW_LOG(error, kFunction) << "[INFERENCE_onnx] Failed to init backend: " << e.what();
+        TW_LOG(error, kBackendConstructorName) << "[INFERENCE_onnx] Failed to init backend: " << e.what();
     }
 }
 
@@ -59,7 +57,7 @@ void walkExecutionProviders(SessionRuntime& runtime, const std::string& preferre
     try {
         const std::vector<std::string> available = runtime.availableProviders();
         for (const auto& name : available) {
-            TW_LOG(info, kFunction) << "[INFERENCE_onnx] Available Provider: " << name;
+            TW_LOG(info, kBackendConstructorName) << "[INFERENCE_onnx] Available Provider: " << name;
         }
         // Every available provider ahead of the CPU gets a full build; the
         // last one that succeeds is kept, so later entries win.
@@ -70,7 +68,7 @@ void walkExecutionProviders(SessionRuntime& runtime, const std::string& preferre
         }
         if (!runtime.hasSession()) runtime.createPlainSession();
     } catch (const std::exception& e) {
-        TW_LOG(error, kFunction) << "[INFERENCE_onnx] Failed to initialize ONNX session: " << e.what();
+        TW_LOG(error, kBackendConstructorName) << "[INFERENCE_onnx] Failed to initialize ONNX session: " << e.what();
         throw;
     }
 }

@@ -1,7 +1,9 @@
 #include "pipeline/chunk_processor.h"
 
 #include "common/logging.h"
+#include "common/shape_text.h"
 #include "pipeline/stream_padding.h"
+#include "spectral/frame_checks.h"
 #include "spectral/window.h"
 
 #include <algorithm>
@@ -15,15 +17,6 @@
 namespace tonwerk {
 namespace {
 
-// "2x261120": a shape as the log lines print it.
-std::string joinShape(const xt::xarray<float>& a) {
-    std::ostringstream text;
-    for (std::size_t i = 0; i < a.dimension(); ++i) {
-        text << (i == 0 ? "" : "x") << a.shape()[i];
-    }
-    return text.str();
-}
-
 // Samples to add after `length` so that it becomes a whole number of hops.
 std::size_t padToHop(std::size_t length, std::size_t hop) {
     const std::size_t rest = length % hop;
@@ -36,20 +29,6 @@ float peakMagnitude(const xt::xarray<float>& data) {
         peak = std::max(peak, std::fabs(v));
     }
     return peak;
-}
-
-// Columns [from, length) of {channels, length} as the contiguous array the
-// pre-processor reads.
-xt::xtensor<float, 2> columnsFrom(const xt::xarray<float>& data, std::size_t from) {
-    const std::size_t rows = data.shape()[0];
-    const std::size_t length = data.shape()[1];
-    const std::size_t width = length - from;
-    xt::xtensor<float, 2> out = xt::xtensor<float, 2>::from_shape({rows, width});
-    for (std::size_t r = 0; r < rows; ++r) {
-        const float* src = data.data() + r * length + from;
-        std::copy(src, src + width, out.data() + r * width);
-    }
-    return out;
 }
 
 // Joins {rows, channels, n_i} results along time; parts without samples'
@@ -95,10 +74,10 @@ ChunkProcessor::ChunkProcessor(std::shared_ptr<IInference> inference, std::size_
       configExtra(configExtra),
       segmentFrames(segmentFrames),
       stemCount(stemCount) {
-    // Each frame's synthesis yields min(hop, fftSize) samples while results
-    // are laid out in steps of hop, so a hop longer than a frame would leave
-    // gaps; a zero hop divides by zero.
-    if (hop == 0 || hop > fftSize) {
+    requireNonZeroHop(hop, "ChunkProcessor");
+    // Kept: results are sized in steps of hop but a frame fills only
+    // min(hop, fftSize) samples, so a longer hop would leave unwritten gaps.
+    if (hop > fftSize) {
         throw std::invalid_argument("ChunkProcessor: hop " + std::to_string(hop) +
                                     " must be between 1 and the FFT size " + std::to_string(fftSize));
     }
@@ -119,7 +98,7 @@ std::size_t ChunkProcessor::readyThreshold() const {
 
 xt::xarray<float> ChunkProcessor::process(xt::xarray<float> input, bool eof) {
     TW_LOG(debug, "ChunkProcessor::process")
-        << "ChunkProcessor::process input shape: " << joinShape(input) << ", eof: " << eof;
+        << "ChunkProcessor::process input shape: " << shapeText(input) << ", eof: " << eof;
     buffer->push(input);
     if (eof) {
         return processEndOfStream();
@@ -207,7 +186,7 @@ xt::xarray<float> ChunkProcessor::separate(xt::xarray<float> data, std::size_t e
             }
         }
     }
-    TW_LOG(debug, "ChunkProcessor::process") << "Data prepared for preprocessing, shape: " << joinShape(data);
+    TW_LOG(debug, "ChunkProcessor::process") << "Data prepared for preprocessing, shape: " << shapeText(data);
 
     // After the first chunk, the frame starting at the chunk's first sample
     // was analysed with the previous chunk and is held back by the
@@ -215,11 +194,11 @@ xt::xarray<float> ChunkProcessor::separate(xt::xarray<float> data, std::size_t e
     const std::size_t skip = firstResult ? 0 : std::min(hop, data.shape()[1]);
     // The frames are read straight from the model's output buffers, one at
     // a time, rather than as one array of every stem's spectra.
-    const PreProcessor::FrameRange frames = preProcessor_->analyse(columnsFrom(data, skip), eof);
+    const PreProcessor::FrameRange frames = preProcessor_->analyse(data, skip, eof);
     TW_LOG(debug, "ChunkProcessor::process") << "Preprocessed data shape: " << framesShape(frames);
 
     xt::xarray<float> result = assemble(frames, data, frontPad, eofPad, eof);
-    TW_LOG(debug, "ChunkProcessor::process") << "ChunkProcessor::process result shape: " << joinShape(result);
+    TW_LOG(debug, "ChunkProcessor::process") << "ChunkProcessor::process result shape: " << shapeText(result);
     return result;
 }
 
@@ -272,9 +251,8 @@ xt::xarray<float> ChunkProcessor::assemble(const PreProcessor::FrameRange& frame
         std::size_t written = 0;
         for (std::size_t s = 0; s < stemCount; ++s) {
             preProcessor_->packFrame(s, frames.first + f, frameScratch);
-            const xt::xtensor<float, 2> piece = synthesizers[s]->processFrame(frameScratch);
-            written = piece.shape()[1];
-            copyPiece(piece, pos, lead, stemEnd, result.data() + s * channels * length, length);
+            written = synthesizeInto(*synthesizers[s], pos, lead, stemEnd, result.data() + s * channels * length,
+                                     length);
         }
         pos += written;
     }
@@ -300,18 +278,15 @@ void ChunkProcessor::zeroFrom(xt::xarray<float>& result, std::size_t stemRows, s
     }
 }
 
-void ChunkProcessor::copyPiece(const xt::xtensor<float, 2>& piece, std::size_t pos, std::size_t lead,
-                               std::size_t stemEnd, float* stemRows, std::size_t rowLength) const {
-    const std::size_t width = piece.shape()[1];
+std::size_t ChunkProcessor::synthesizeInto(OverlapAddSynthesizer& synthesizer, std::size_t pos, std::size_t lead,
+                                           std::size_t stemEnd, float* stemRows, std::size_t rowLength) {
+    // Of the samples this frame completes, [pos, pos + hop) untrimmed, only
+    // those at [lead, lead + stemEnd) are kept; they land at their place
+    // after the lead-in cut.
     const std::size_t begin = std::max(pos, lead);
-    const std::size_t end = std::min(pos + width, lead + stemEnd);
-    if (begin >= end) {
-        return;
-    }
-    for (std::size_t c = 0; c < channels; ++c) {
-        const float* src = piece.data() + c * width;
-        std::copy(src + (begin - pos), src + (end - pos), stemRows + c * rowLength + (begin - lead));
-    }
+    const std::size_t end = std::max(begin, std::min(pos + hop, lead + stemEnd));
+    float* target = begin < end ? stemRows + (begin - lead) : stemRows;
+    return synthesizer.processFrameInto(frameScratch, target, rowLength, begin - pos, end - pos);
 }
 
 }  // namespace tonwerk

@@ -51,10 +51,12 @@ private:
     xt::xarray<float> assemble(const PreProcessor::FrameRange& frames, const xt::xarray<float>& data,
                                std::size_t frontPad, std::size_t eofPad, bool eof);
     void zeroFrom(xt::xarray<float>& result, std::size_t stemRows, std::size_t stemEnd, std::size_t mixEnd) const;
-    // Copies the part of a synthesizer's output at untrimmed position `pos`
-    // that survives the lead-in cut and the end trim into one stem's rows.
-    void copyPiece(const xt::xtensor<float, 2>& piece, std::size_t pos, std::size_t lead, std::size_t stemEnd,
-                   float* stemRows, std::size_t rowLength) const;
+    // Runs the frame in frameScratch through a stem's synthesizer, writing
+    // the part of its output at untrimmed position `pos` that survives the
+    // lead-in cut and the end trim straight into the stem's rows. Returns
+    // how many samples the frame completed.
+    std::size_t synthesizeInto(OverlapAddSynthesizer& synthesizer, std::size_t pos, std::size_t lead,
+                               std::size_t stemEnd, float* stemRows, std::size_t rowLength);
 
     std::size_t channels;
     std::size_t fftSize;

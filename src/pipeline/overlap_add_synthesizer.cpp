@@ -1,6 +1,8 @@
 #include "pipeline/overlap_add_synthesizer.h"
 
+#include "common/shape_text.h"
 #include "pipeline/shift_array.h"
+#include "spectral/frame_checks.h"
 
 #include <xtensor/xadapt.hpp>
 #include <xtensor/xview.hpp>
@@ -15,14 +17,6 @@ namespace {
 // The batched form always lays its result out over two rows.
 constexpr std::size_t kBatchRows = 2;
 
-std::string shapeText(const xt::xarray<float>& a) {
-    std::string text;
-    for (std::size_t i = 0; i < a.dimension(); ++i) {
-        text += (i == 0 ? "" : "x") + std::to_string(a.shape()[i]);
-    }
-    return text;
-}
-
 }  // namespace
 
 OverlapAddSynthesizer::OverlapAddSynthesizer(std::size_t channels, std::size_t fftSize, std::size_t hop,
@@ -33,33 +27,43 @@ OverlapAddSynthesizer::OverlapAddSynthesizer(std::size_t channels, std::size_t f
       window(xt::adapt(window, {window.size()})),
       windowSquared(xt::zeros<float>({fftSize})),
       accumulator(xt::zeros<float>({channels, fftSize})),
-      windowSum(xt::zeros<float>({fftSize})) {
-    // Every per-frame loop reads fftSize window values.
-    if (this->window.size() != fftSize) {
-        throw std::invalid_argument("OverlapAddSynthesizer: window has " + std::to_string(this->window.size()) +
-                                    " values, expected " + std::to_string(fftSize));
-    }
+      windowSum(xt::zeros<float>({fftSize})),
+      samples(xt::xtensor<float, 2>::from_shape({channels, fftSize})) {
+    requireWindowLength(this->window.size(), fftSize, "OverlapAddSynthesizer");
     for (std::size_t i = 0; i < fftSize; ++i) {
         windowSquared(i) = this->window(i) * this->window(i);
     }
 }
 
 xt::xtensor<float, 2> OverlapAddSynthesizer::processFrame(const xt::xtensor<float, 2>& frame) {
+    const std::size_t emitted = std::min(hop, fftSize);
+    xt::xtensor<float, 2> out = xt::xtensor<float, 2>::from_shape({accumulator.shape()[0], emitted});
+    processFrameInto(frame, out.data(), emitted, 0, emitted);
+    return out;
+}
+
+std::size_t OverlapAddSynthesizer::processFrameInto(const xt::xtensor<float, 2>& frame, float* rows,
+                                                    std::size_t rowStride, std::size_t first, std::size_t last) {
     const std::size_t channels = accumulator.shape()[0];
     if (frame.shape()[0] != channels || frame.shape()[1] != fftSize) {
         throw std::invalid_argument("OverlapAddSynthesizer: frame of shape " + std::to_string(frame.shape()[0]) +
                                     "x" + std::to_string(frame.shape()[1]) + " does not match " +
                                     std::to_string(channels) + "x" + std::to_string(fftSize));
     }
-    const xt::xtensor<float, 2> samples = inverse(frame);
+    for (std::size_t c = 0; c < channels; ++c) {
+        transformRow(frame.data() + c * fftSize, fftSize, samples.data() + c * fftSize, false);
+    }
 
+    // Each value is scaled exactly as inverse() scales it, so the streaming
+    // and the array forms agree to the bit.
+    const float n = static_cast<float>(fftSize);
     const float* w = window.data();
     const float* t = samples.data();
     float* acc = accumulator.data();
     for (std::size_t c = 0; c < channels; ++c) {
         for (std::size_t i = 0; i < fftSize; ++i) {
             // Product first, then the sum, both rounded to float.
-            const float weighted = t[c * fftSize + i] * w[i];
+            const float weighted = (t[c * fftSize + i] / n) * w[i];
             acc[c * fftSize + i] = weighted + acc[c * fftSize + i];
         }
     }
@@ -72,15 +76,16 @@ xt::xtensor<float, 2> OverlapAddSynthesizer::processFrame(const xt::xtensor<floa
     // No floor on the divisor: the huge first samples of a stream fall in the
     // lead-in that the chunk pipeline cuts away.
     const std::size_t emitted = std::min(hop, fftSize);
-    xt::xtensor<float, 2> out = xt::xtensor<float, 2>::from_shape({channels, emitted});
-    for (std::size_t c = 0; c < channels; ++c) {
-        for (std::size_t i = 0; i < emitted; ++i) {
-            out(c, i) = acc[c * fftSize + i] / sum[i];
+    last = std::min(last, emitted);
+    for (std::size_t c = 0; first < last && c < channels; ++c) {
+        float* row = rows + c * rowStride;
+        for (std::size_t i = first; i < last; ++i) {
+            row[i - first] = acc[c * fftSize + i] / sum[i];
         }
     }
     shiftArray(accumulator, hop);
     shiftArray(windowSum, hop);
-    return out;
+    return emitted;
 }
 
 xt::xarray<float> OverlapAddSynthesizer::process(xt::xarray<float> frame) {

@@ -65,13 +65,11 @@ xt::xtensor<float, 2> PFFFTTransformer::inverse(const xt::xtensor<float, 2>& inp
     return transform(input, false);
 }
 
-xt::xtensor<float, 2> PFFFTTransformer::transform(const xt::xtensor<float, 2>& input, bool forwardDirection) {
+std::size_t PFFFTTransformer::rowOutputWidth(std::size_t inWidth, bool forwardDirection) const {
     if (setup == nullptr) {
         throw std::invalid_argument("PFFFTTransformer: FFT size " + std::to_string(size) +
                                     " is not supported for real transforms");
     }
-    const std::size_t rows = input.shape()[0];
-    const std::size_t inWidth = input.shape()[1];
     // A padded inverse row carries a trailing (0, 0) pair that is not transformed.
     const std::size_t maxInWidth = (padNyquist && !forwardDirection) ? size + 2 : size;
     if (inWidth > maxInWidth) {
@@ -81,35 +79,47 @@ xt::xtensor<float, 2> PFFFTTransformer::transform(const xt::xtensor<float, 2>& i
     if (padNyquist && !forwardDirection && inWidth < 2) {
         throw std::invalid_argument("PFFFTTransformer: padded spectrum row needs at least 2 values");
     }
-
-    std::size_t outWidth = inWidth;
-    if (padNyquist) {
-        outWidth = forwardDirection ? inWidth + 2 : inWidth - 2;
+    if (!padNyquist) {
+        return inWidth;
     }
+    return forwardDirection ? inWidth + 2 : inWidth - 2;
+}
+
+void PFFFTTransformer::transformRow(const float* source, std::size_t inWidth, float* target, bool forwardDirection) {
+    transformCheckedRow(source, inWidth, target, rowOutputWidth(inWidth, forwardDirection), forwardDirection);
+}
+
+void PFFFTTransformer::transformCheckedRow(const float* source, std::size_t inWidth, float* target,
+                                           std::size_t outWidth, bool forwardDirection) {
     const std::size_t copyIn = std::min<std::size_t>(inWidth, size);
     const std::size_t copyOut = std::min<std::size_t>(outWidth, size);
-    const pffft_direction_t direction = forwardDirection ? PFFFT_FORWARD : PFFFT_BACKWARD;
+    if (copyIn != 0) {  // an empty row may come with no storage at all
+        std::memcpy(inputScratch, source, copyIn * sizeof(float));
+    }
+    pffft_transform_ordered(setup, inputScratch, outputScratch, nullptr,
+                            forwardDirection ? PFFFT_FORWARD : PFFFT_BACKWARD);
+    if (forwardDirection) {
+        // The packed Nyquist slot is never part of a forward spectrum.
+        outputScratch[1] = 0.0f;
+    }
+    if (copyOut != 0) {
+        std::memcpy(target, outputScratch, copyOut * sizeof(float));
+    }
+    if (forwardDirection && padNyquist) {
+        target[outWidth - 2] = 0.0f;
+        target[outWidth - 1] = 0.0f;
+    }
+}
+
+xt::xtensor<float, 2> PFFFTTransformer::transform(const xt::xtensor<float, 2>& input, bool forwardDirection) {
+    const std::size_t rows = input.shape()[0];
+    const std::size_t inWidth = input.shape()[1];
+    const std::size_t outWidth = rowOutputWidth(inWidth, forwardDirection);
 
     xt::xtensor<float, 2> result = xt::xtensor<float, 2>::from_shape({rows, outWidth});
-    const float* source = input.data();
-    float* target = result.data();
     for (std::size_t r = 0; r < rows; ++r) {
-        if (copyIn != 0) {  // an empty row may come with no storage at all
-            std::memcpy(inputScratch, source + r * inWidth, copyIn * sizeof(float));
-        }
-        pffft_transform_ordered(setup, inputScratch, outputScratch, nullptr, direction);
-        if (forwardDirection) {
-            // The packed Nyquist slot is never part of a forward spectrum.
-            outputScratch[1] = 0.0f;
-        }
-        float* row = target + r * outWidth;
-        if (copyOut != 0) {
-            std::memcpy(row, outputScratch, copyOut * sizeof(float));
-        }
-        if (forwardDirection && padNyquist) {
-            row[outWidth - 2] = 0.0f;
-            row[outWidth - 1] = 0.0f;
-        }
+        transformCheckedRow(input.data() + r * inWidth, inWidth, result.data() + r * outWidth, outWidth,
+                            forwardDirection);
     }
     if (!forwardDirection) {
         // Scaled once, on the finished array, so inverse(forward(x)) == x.

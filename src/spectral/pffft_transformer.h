@@ -3,6 +3,7 @@
 
 #include "spectral/fft_transformer.h"
 
+#include <cstddef>
 #include <cstdint>
 
 struct PFFFT_Setup;
@@ -22,8 +23,23 @@ public:
     xt::xtensor<float, 2> forward(const xt::xtensor<float, 2>& input) override;
     xt::xtensor<float, 2> inverse(const xt::xtensor<float, 2>& input) override;
 
+    // Width of what a row `inWidth` values wide transforms into. Throws
+    // std::invalid_argument for a size PFFFT cannot take or a row that does
+    // not fit it.
+    std::size_t rowOutputWidth(std::size_t inWidth, bool forwardDirection) const;
+
+    // One row from caller memory into caller memory, for per-frame callers
+    // that must not allocate: `source` holds `inWidth` values, `target` gets
+    // rowOutputWidth(inWidth, forwardDirection). As forward() does, the
+    // Nyquist value is zeroed; unlike inverse(), nothing is scaled: the
+    // caller divides each value by N. `source` and `target` may be the same.
+    void transformRow(const float* source, std::size_t inWidth, float* target, bool forwardDirection);
+
 private:
     xt::xtensor<float, 2> transform(const xt::xtensor<float, 2>& input, bool forwardDirection);
+    // transformRow once the widths are known to be valid.
+    void transformCheckedRow(const float* source, std::size_t inWidth, float* target, std::size_t outWidth,
+                             bool forwardDirection);
 
     PFFFT_Setup* setup;
     float* inputScratch;

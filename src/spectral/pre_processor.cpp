@@ -1,6 +1,8 @@
 #include "spectral/pre_processor.h"
 
 #include "common/logging.h"
+#include "common/shape_text.h"
+#include "spectral/frame_checks.h"
 
 #include <xtensor/xadapt.hpp>
 #include <xtensor/xbuilder.hpp>
@@ -25,20 +27,14 @@ PreProcessor::PreProcessor(std::uint64_t channelCount, std::uint64_t fftSize, st
       fft(fftSize, false),
       frameCount(frameCount),
       keepEdgeFrames(keepEdgeFrames) {
-    // Frame counts are derived by dividing by the hop; a zero hop would make
-    // every later call divide by zero.
-    if (hopSize == 0) {
-        throw std::invalid_argument("PreProcessor: hop size must not be 0");
-    }
-    if (this->window.size() != fftSize) {
-        throw std::invalid_argument("PreProcessor: window length " + std::to_string(this->window.size()) +
-                                    " differs from the FFT size " + std::to_string(fftSize));
-    }
+    requireNonZeroHop(hopSize, "PreProcessor");
+    requireWindowLength(this->window.size(), fftSize, "PreProcessor");
     spectrogram = xt::zeros<float>({2 * channelCount, frameCount, fftSize / 2});
     // The model overwrites every output completely, so its buffers and the
     // framing scratch are made once and reused by every call.
     modelOutputs = xt::xtensor<float, 4>::from_shape({outputCount, 2 * channelCount, frameCount, fftSize / 2});
     frameScratch = xt::xtensor<float, 2>::from_shape({channelCount, fftSize});
+    spectrumScratch = xt::xtensor<float, 1>::from_shape({fftSize});
 }
 
 std::uint64_t PreProcessor::maxInputLength() const {
@@ -60,9 +56,22 @@ xt::xarray<float> PreProcessor::process(const xt::xtensor<float, 2>& input, bool
 }
 
 PreProcessor::FrameRange PreProcessor::analyse(const xt::xtensor<float, 2>& input, bool eof) {
-    const std::uint64_t length = input.shape()[1];
-    if (input.shape()[0] != channelCount) {
-        throw std::invalid_argument("PreProcessor::process: input has " + std::to_string(input.shape()[0]) +
+    return analyseRows(input.data(), input.shape()[0], input.shape()[1], input.shape()[1], eof);
+}
+
+PreProcessor::FrameRange PreProcessor::analyse(const xt::xarray<float>& source, std::uint64_t firstColumn, bool eof) {
+    if (source.dimension() != 2 || firstColumn > source.shape()[1]) {
+        throw std::invalid_argument("PreProcessor::process: cannot read from column " + std::to_string(firstColumn) +
+                                    " of an input of shape " + shapeText(source));
+    }
+    const std::uint64_t length = source.shape()[1];
+    return analyseRows(source.data() + firstColumn, source.shape()[0], length, length - firstColumn, eof);
+}
+
+PreProcessor::FrameRange PreProcessor::analyseRows(const float* first, std::uint64_t rows, std::uint64_t rowStride,
+                                                   std::uint64_t length, bool eof) {
+    if (rows != channelCount) {
+        throw std::invalid_argument("PreProcessor::process: input has " + std::to_string(rows) +
                                     " channels, expected " + std::to_string(channelCount));
     }
     if (length < fftSize) {
@@ -78,7 +87,7 @@ PreProcessor::FrameRange PreProcessor::analyse(const xt::xtensor<float, 2>& inpu
     TW_LOG(debug, "PreProcessor::process") << "Process signal: " << length;
 
     shiftSpectrogram(newFrames);
-    writeNewFrames(input, newFrames);
+    writeNewFrames(first, rowStride, length, newFrames);
 
     std::vector<float*> outputs(outputCount);
     for (std::uint64_t s = 0; s < outputCount; ++s) {
@@ -130,8 +139,8 @@ void PreProcessor::shiftSpectrogram(std::uint64_t newFrames) {
     }
 }
 
-void PreProcessor::writeNewFrames(const xt::xtensor<float, 2>& input, std::uint64_t newFrames) {
-    const std::uint64_t length = input.shape()[1];
+void PreProcessor::writeNewFrames(const float* first, std::uint64_t rowStride, std::uint64_t length,
+                                  std::uint64_t newFrames) {
     const std::uint64_t bins = fftSize / 2;
     const float* win = window.data();
     // Frames are anchored at the end of the input so that the newest frame
@@ -140,15 +149,17 @@ void PreProcessor::writeNewFrames(const xt::xtensor<float, 2>& input, std::uint6
     std::uint64_t slot = frameCount - 1;
     for (std::uint64_t f = 0; f < newFrames; ++f, end -= hopSize, --slot) {
         for (std::uint64_t c = 0; c < channelCount; ++c) {
-            const float* src = input.data() + c * length + (end - fftSize);
+            const float* src = first + c * rowStride + (end - fftSize);
             float* dst = frameScratch.data() + c * fftSize;
             for (std::uint64_t i = 0; i < fftSize; ++i) {
                 dst[i] = src[i] * win[i];
             }
         }
-        const xt::xtensor<float, 2> packed = fft.forward(frameScratch);
         for (std::uint64_t c = 0; c < channelCount; ++c) {
-            const float* row = packed.data() + c * fftSize;
+            // Transformed row by row into scratch: this runs for every new
+            // frame, so nothing is allocated here.
+            fft.transformRow(frameScratch.data() + c * fftSize, fftSize, spectrumScratch.data(), true);
+            const float* row = spectrumScratch.data();
             float* re = spectrogram.data() + ((2 * c) * frameCount + slot) * bins;
             float* im = spectrogram.data() + ((2 * c + 1) * frameCount + slot) * bins;
             for (std::uint64_t k = 0; k < bins; ++k) {

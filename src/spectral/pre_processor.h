@@ -42,6 +42,9 @@ public:
     // next call. Streaming callers use this to avoid materialising every
     // stem's spectra at once.
     FrameRange analyse(const xt::xtensor<float, 2>& input, bool eof);
+    // As above on columns [firstColumn, L) of `source` ({channels, L}), read
+    // in place, so a caller can drop leading samples without copying.
+    FrameRange analyse(const xt::xarray<float>& source, std::uint64_t firstColumn, bool eof);
 
     // Frame `slot` of model output `output` for every channel, packed as the
     // inverse transform reads it, into `frame` ({channels, fftSize}).
@@ -56,7 +59,11 @@ public:
 
 private:
     void shiftSpectrogram(std::uint64_t newFrames);
-    void writeNewFrames(const xt::xtensor<float, 2>& input, std::uint64_t newFrames);
+    // The body of both analyse() forms: `rows` channels of `length` samples,
+    // channel c starting at first + c * rowStride.
+    FrameRange analyseRows(const float* first, std::uint64_t rows, std::uint64_t rowStride, std::uint64_t length,
+                           bool eof);
+    void writeNewFrames(const float* first, std::uint64_t rowStride, std::uint64_t length, std::uint64_t newFrames);
     // Every output's frames in slots [firstSlot, lastSlot), packed as the
     // inverse transform reads them: {outputCount, channels, frames * fftSize}.
     xt::xarray<float> packFrames(std::uint64_t firstSlot, std::uint64_t lastSlot) const;
@@ -81,6 +88,8 @@ private:
     xt::xtensor<float, 4> modelOutputs;
     // One windowed frame of every channel, {channels, fftSize}.
     xt::xtensor<float, 2> frameScratch;
+    // One channel's spectrum of that frame, fftSize values.
+    xt::xtensor<float, 1> spectrumScratch;
 };
 
 }  // namespace tonwerk

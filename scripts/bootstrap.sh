@@ -42,12 +42,12 @@ install_debian_packages() {
 
 # npm_unpack PACKAGE@VERSION DEST: fetches the tarball once and unpacks it.
 npm_unpack() {
-  local spec=$1 dest=$2
+  local package=$1 dest=$2
   [ -f "$dest/.complete" ] && return 0
   rm -rf "$dest" && mkdir -p "$dest"
   local tmp; tmp=$(mktemp -d)
-  (cd "$tmp" && npm pack --silent "$spec" >/dev/null 2>"$tmp/err") \
-    || { cat "$tmp/err" >&2; rm -rf "$tmp"; fail "npm pack $spec failed: the npm registry is unreachable or the package is gone"; }
+  (cd "$tmp" && npm pack --silent "$package" >/dev/null 2>"$tmp/err") \
+    || { cat "$tmp/err" >&2; rm -rf "$tmp"; fail "npm pack $package failed: the npm registry is unreachable or the package is gone"; }
   tar -xzf "$tmp"/*.tgz -C "$dest" --strip-components=1
   rm -rf "$tmp"
 }

@@ -67,19 +67,37 @@ xt::xarray<float> toTwoRows(const std::vector<float>& input, std::size_t frames,
     return rows;
 }
 
-// One output vector from two rows of `length` samples at `rows`.
+// One output vector from two rows of `length` samples at `rows`. The vector
+// is filled as it is built: value-initialising it first would be a second
+// pass over several MB per chunk.
 std::vector<float> toOutput(const float* rows, std::size_t length, bool interleaved) {
     if (!interleaved) {
         return std::vector<float>(rows, rows + 2 * length);
     }
-    std::vector<float> out(2 * length);
+    std::vector<float> out;
+    out.reserve(2 * length);
     const float* left = rows;
     const float* right = rows + length;
     for (std::size_t k = 0; k < length; ++k) {
-        out[2 * k] = left[k];
-        out[2 * k + 1] = right[k];
+        out.push_back(left[k]);
+        out.push_back(right[k]);
     }
     return out;
+}
+
+// Index into two rows of `length` samples of output position `p`.
+std::size_t rowIndexOf(std::size_t p, std::size_t length, bool interleaved) {
+    return interleaved ? (p % 2) * length + p / 2 : p;
+}
+
+// The model's own reconstruction at row index `i`: every stem summed in
+// stem order, in single precision.
+float stemSum(const float* slices, std::size_t sliceSize, std::size_t i) {
+    float sum = slices[i];
+    for (std::size_t s = 1; s < kStemCount; ++s) {
+        sum = sum + slices[s * sliceSize + i];
+    }
+    return sum;
 }
 
 }  // namespace
@@ -130,7 +148,7 @@ std::vector<std::vector<float>> TonwerkProcImpl::process(const std::vector<float
     xt::xarray<float> rows = toTwoRows(input, frames, interleaved);
     TW_LOG(debug, "tonwerk::TonwerkProcImpl::process") << "Processing chunk: input size " << frames << ", eof=" << eof;
 
-    const xt::xarray<float> result = chunkEngine->process(std::move(rows), eof);
+    const xt::xarray<float>& result = chunkEngine->process(rows, eof);
     if (result.dimension() != 3) {
         return {};
     }
@@ -149,25 +167,18 @@ std::vector<std::vector<float>> TonwerkProcImpl::buildStems(const xt::xarray<flo
     }
     TW_LOG(debug, "tonwerk::TonwerkProcImpl::process") << "Processed stems: " << stems.size();
 
-    // The mix is the model's own reconstruction, summed in stem order in
-    // single precision; the residual is what it misses of the mixture. Both
-    // are written straight in the output layout.
-    std::vector<float> mix(sliceSize);
-    std::vector<float> residual(sliceSize);
+    // The residual is what the mix misses of the mixture. Both are built in
+    // output order so that they are filled as they grow (see toOutput).
+    std::vector<float> mix;
+    std::vector<float> residual;
+    mix.reserve(sliceSize);
+    residual.reserve(sliceSize);
     const float* mixture = slices + kStemCount * sliceSize;
-    for (std::size_t c = 0; c < kAudioChannels; ++c) {
-        // Output position of sample k of this channel.
-        const std::size_t first = interleaved ? c : c * length;
-        const std::size_t stride = interleaved ? 2 : 1;
-        for (std::size_t k = 0; k < length; ++k) {
-            const std::size_t i = c * length + k;
-            float sum = slices[i];
-            for (std::size_t s = 1; s < kStemCount; ++s) {
-                sum = sum + slices[s * sliceSize + i];
-            }
-            mix[first + k * stride] = sum;
-            residual[first + k * stride] = mixture[i] - sum;
-        }
+    for (std::size_t p = 0; p < sliceSize; ++p) {
+        const std::size_t i = rowIndexOf(p, length, interleaved);
+        const float sum = stemSum(slices, sliceSize, i);
+        mix.push_back(sum);
+        residual.push_back(mixture[i] - sum);
     }
     stems.push_back(std::move(residual));
     TW_LOG(debug, "tonwerk::TonwerkProcImpl::process") << "Processed residual stem";

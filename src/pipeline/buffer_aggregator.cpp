@@ -80,22 +80,28 @@ void BufferAggregator::push(const xt::xarray<float>& chunk) {
 }
 
 xt::xarray<float> BufferAggregator::get(std::size_t requested, std::size_t keep) {
+    xt::xarray<float> result;
+    getInto(requested, keep, result);
+    return result;
+}
+
+bool BufferAggregator::getInto(std::size_t requested, std::size_t keep, xt::xarray<float>& target) {
     const std::size_t n = requested != 0 ? requested : length;
     if (length == 0 || length < n) {
         TW_LOG(warning, "BufferAggregator::get")
             << "BufferAggregator::get - cannot return requested size: " << n << ", current length: " << length;
-        return xt::xarray<float>();
+        return false;
     }
     // Keeping more than was taken would grow the held range past what was written.
     if (keep > n) {
         throw std::invalid_argument("BufferAggregator::get: keep " + std::to_string(keep) +
                                     " exceeds the requested size " + std::to_string(n));
     }
-    xt::xarray<float> result = copyOut(n);
+    copyOut(n, target);
     const std::size_t consumed = n - keep;
     start = (start + consumed) % capacity();
     length -= consumed;
-    return result;
+    return true;
 }
 
 xt::xarray<float> BufferAggregator::flush() {
@@ -106,24 +112,28 @@ xt::xarray<float> BufferAggregator::flush() {
         }
         return xt::xarray<float>::from_shape({static_cast<std::size_t>(batch), channels, 0});
     }
-    xt::xarray<float> result = copyOut(length);
+    xt::xarray<float> result;
+    copyOut(length, result);
     length = 0;
     start = 0;
     return result;
 }
 
-xt::xarray<float> BufferAggregator::copyOut(std::size_t n) const {
+void BufferAggregator::copyOut(std::size_t n, xt::xarray<float>& target) const {
     const std::size_t rows = static_cast<std::size_t>(batch);
     const std::size_t channels = buffer.shape()[1];
     const std::size_t size = capacity();
-    xt::xarray<float> result = batch == 1 ? xt::xarray<float>::from_shape({channels, n})
-                                          : xt::xarray<float>::from_shape({rows, channels, n});
-    const float* storage = buffer.data();
-    float* target = result.data();
-    for (std::size_t row = 0; row < rows * channels; ++row) {
-        readRing(storage + row * size, size, start, n, target + row * n);
+    // resize() keeps the storage when the element count is unchanged.
+    if (batch == 1) {
+        target.resize({channels, n});
+    } else {
+        target.resize({rows, channels, n});
     }
-    return result;
+    const float* storage = buffer.data();
+    float* out = target.data();
+    for (std::size_t row = 0; row < rows * channels; ++row) {
+        readRing(storage + row * size, size, start, n, out + row * n);
+    }
 }
 
 }  // namespace tonwerk

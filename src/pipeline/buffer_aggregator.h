@@ -24,6 +24,13 @@ public:
     // dimensionless array when that many are not held.
     xt::xarray<float> get(std::size_t requested, std::size_t keep);
 
+    // As get(), but into `target`, whose storage is reused when the taken
+    // length matches its size: a streaming caller keeps one array for every
+    // chunk instead of allocating (and page-faulting) a fresh one each time.
+    // Returns false, after the same warning, and leaves `target` unchanged
+    // when that many samples are not held.
+    bool getInto(std::size_t requested, std::size_t keep, xt::xarray<float>& target);
+
     // Copies out everything held and empties the buffer.
     xt::xarray<float> flush();
 
@@ -31,7 +38,7 @@ public:
     std::size_t capacity() const { return buffer.shape()[2]; }
 
 private:
-    xt::xarray<float> copyOut(std::size_t n) const;
+    void copyOut(std::size_t n, xt::xarray<float>& target) const;
 
     xt::xarray<float> buffer;
     std::size_t length = 0;

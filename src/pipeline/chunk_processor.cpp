@@ -96,7 +96,7 @@ std::size_t ChunkProcessor::readyThreshold() const {
     return preProcessor_->maxInputLength() - 2 * fftSize;
 }
 
-xt::xarray<float> ChunkProcessor::process(xt::xarray<float> input, bool eof) {
+const xt::xarray<float>& ChunkProcessor::process(const xt::xarray<float>& input, bool eof) {
     TW_LOG(debug, "ChunkProcessor::process")
         << "ChunkProcessor::process input shape: " << shapeText(input) << ", eof: " << eof;
     buffer->push(input);
@@ -106,12 +106,12 @@ xt::xarray<float> ChunkProcessor::process(xt::xarray<float> input, bool eof) {
     const std::size_t held = buffer->heldLength();
     if (held == 0 || held < readyThreshold()) {
         TW_LOG(debug, "ChunkProcessor::process") << "Not enough data to process, returning empty";
-        return {};
+        return noResult;
     }
     return separate(takeChunk(), 0, false);
 }
 
-xt::xarray<float> ChunkProcessor::takeChunk() {
+const xt::xarray<float>& ChunkProcessor::takeChunk() {
     const std::size_t chunkLength = preProcessor_->maxInputLength() - (firstChunk ? fftSize : 0);
     std::size_t requested = std::min(buffer->heldLength(), chunkLength);
     // Frames are laid from the end of each chunk backwards, so samples beyond
@@ -122,22 +122,30 @@ xt::xarray<float> ChunkProcessor::takeChunk() {
     // threshold is itself whole hops, so a ready buffer still yields at least
     // that much.
     requested -= requested % hop;
-    return buffer->get(requested, fftSize);
+    if (!buffer->getInto(requested, fftSize, chunk)) {
+        chunk = xt::xarray<float>();
+    }
+    return chunk;
 }
 
-xt::xarray<float> ChunkProcessor::processEndOfStream() {
+const xt::xarray<float>& ChunkProcessor::processEndOfStream() {
     TW_LOG(debug, "ChunkProcessor::process") << "Processing EOF";
     // Everything still buffered goes through a single model run when it
     // fits. A longer remainder (the stream handed over in one large call, or
     // blocks far larger than maxInputSize) would bring more new frames than
     // the model's spectrogram holds, so ordinary chunks are separated first
     // until the rest fits; the call returns all of it in stream order.
+    if (flushFitsOneRun(buffer->heldLength())) {
+        return flushStream();
+    }
+    // Each run overwrites `result`, so the parts are copied out first.
     std::vector<xt::xarray<float>> parts;
     while (!flushFitsOneRun(buffer->heldLength())) {
         parts.push_back(separate(takeChunk(), 0, false));
     }
     parts.push_back(flushStream());
-    return concatenateAlongTime(parts);
+    result = concatenateAlongTime(parts);
+    return result;
 }
 
 bool ChunkProcessor::flushFitsOneRun(std::size_t held) const {
@@ -155,13 +163,13 @@ bool ChunkProcessor::flushFitsOneRun(std::size_t held) const {
     return newFrames <= preProcessor_->maxNewFrames();
 }
 
-xt::xarray<float> ChunkProcessor::flushStream() {
+const xt::xarray<float>& ChunkProcessor::flushStream() {
     xt::xarray<float> data = buffer->flush();
     const std::size_t length = data.dimension() == 2 ? data.shape()[1] : 0;
     if (length == 0) {
         // The stream ended with nothing left to separate: no result, as if
         // not enough data had arrived.
-        return {};
+        return noResult;
     }
     const std::size_t eofPad = padToHop(length, hop);
     const std::size_t total = fftSize + eofPad;
@@ -172,20 +180,24 @@ xt::xarray<float> ChunkProcessor::flushStream() {
     return separate(padEnd(data, reflectCount, zeroCount), eofPad, true);
 }
 
-xt::xarray<float> ChunkProcessor::separate(xt::xarray<float> data, std::size_t eofPad, bool eof) {
+const xt::xarray<float>& ChunkProcessor::separate(const xt::xarray<float>& unpadded, std::size_t eofPad,
+                                                  bool eof) {
     std::size_t frontPad = 0;
+    // Only the stream's first chunk is padded at the front, once per stream.
+    xt::xarray<float> padded;
     if (firstChunk) {
-        const std::size_t length = data.shape()[1];
+        const std::size_t length = unpadded.shape()[1];
         frontPad = length == 0 ? 0 : std::min(length - 1, fftSize);
-        data = padFront(data, frontPad);
+        padded = padFront(unpadded, frontPad);
         firstChunk = false;
         if (log::enabled(log::Severity::info)) {
-            const float peak = peakMagnitude(data);
+            const float peak = peakMagnitude(padded);
             if (peak > 1.1F) {
                 TW_LOG(info, "ChunkProcessor::process") << "MAX2: " << peak;
             }
         }
     }
+    const xt::xarray<float>& data = padded.dimension() == 0 ? unpadded : padded;
     TW_LOG(debug, "ChunkProcessor::process") << "Data prepared for preprocessing, shape: " << shapeText(data);
 
     // After the first chunk, the frame starting at the chunk's first sample
@@ -197,7 +209,7 @@ xt::xarray<float> ChunkProcessor::separate(xt::xarray<float> data, std::size_t e
     const PreProcessor::FrameRange frames = preProcessor_->analyse(data, skip, eof);
     TW_LOG(debug, "ChunkProcessor::process") << "Preprocessed data shape: " << framesShape(frames);
 
-    xt::xarray<float> result = assemble(frames, data, frontPad, eofPad, eof);
+    assemble(frames, data, frontPad, eofPad, eof);
     TW_LOG(debug, "ChunkProcessor::process") << "ChunkProcessor::process result shape: " << shapeText(result);
     return result;
 }
@@ -229,8 +241,8 @@ std::size_t ChunkProcessor::resultLength(std::size_t produced, std::size_t lead,
     return end < 1 ? 0 : static_cast<std::size_t>(end);
 }
 
-xt::xarray<float> ChunkProcessor::assemble(const PreProcessor::FrameRange& frames, const xt::xarray<float>& data,
-                                           std::size_t frontPad, std::size_t eofPad, bool eof) {
+void ChunkProcessor::assemble(const PreProcessor::FrameRange& frames, const xt::xarray<float>& data,
+                              std::size_t frontPad, std::size_t eofPad, bool eof) {
     const std::size_t frameCount = frames.count();
     const std::size_t produced = frameCount * hop;
     // The reflected lead-in of the stream's first chunk is cut from every row.
@@ -239,10 +251,11 @@ xt::xarray<float> ChunkProcessor::assemble(const PreProcessor::FrameRange& frame
     const std::size_t length = resultLength(produced, lead, eofPad, eof);
     const std::size_t stemEnd = std::min(length, produced - lead);
 
-    xt::xarray<float> result = xt::xarray<float>::from_shape({stemCount + 1, channels, length});
+    // Same element count as the previous chunk (the usual case): no new storage.
+    result.resize({stemCount + 1, channels, length});
     const std::size_t dataLength = data.shape()[1];
     const std::size_t mixEnd = std::min(length, std::min(produced, dataLength) - std::min(lead, dataLength));
-    zeroFrom(result, stemCount, stemEnd, mixEnd);
+    zeroFrom(stemCount, stemEnd, mixEnd);
 
     // Every frame goes through its stem's synthesizer, even where the
     // samples are cut, so that the overlap carries on into the next chunk.
@@ -264,11 +277,9 @@ xt::xarray<float> ChunkProcessor::assemble(const PreProcessor::FrameRange& frame
         const float* src = data.data() + c * dataLength + lead;
         std::copy(src, src + mixEnd, mixture + c * length);
     }
-    return result;
 }
 
-void ChunkProcessor::zeroFrom(xt::xarray<float>& result, std::size_t stemRows, std::size_t stemEnd,
-                              std::size_t mixEnd) const {
+void ChunkProcessor::zeroFrom(std::size_t stemRows, std::size_t stemEnd, std::size_t mixEnd) {
     // Only what neither a synthesizer nor the mixture fills: the silence that
     // stands in for the unfinished overlap at the end of the stream.
     const std::size_t length = result.shape()[2];

@@ -27,8 +27,11 @@ public:
     // stems, then the aligned mixture) or a dimensionless array when not
     // enough input has gathered. With `eof` everything buffered comes out,
     // through as many model runs as it needs. A block that does not fit the
-    // input buffer throws std::runtime_error and changes nothing.
-    xt::xarray<float> process(xt::xarray<float> input, bool eof);
+    // input buffer throws std::runtime_error and changes nothing. The result
+    // lives in this processor and is overwritten by the next call: streams
+    // produce chunks of the same length again and again, so its storage is
+    // reused rather than allocated and faulted in afresh for every chunk.
+    const xt::xarray<float>& process(const xt::xarray<float>& input, bool eof);
 
     const PreProcessor& preProcessor() const { return *preProcessor_; }
     std::size_t transformLength() const { return fftSize; }
@@ -37,20 +40,21 @@ private:
     // Samples that must be buffered before a chunk is separated: the chunk
     // length less the two frames' worth that the stream's padding supplies.
     std::size_t readyThreshold() const;
-    // Takes the next chunk out of the buffer, keeping its newest fftSize
-    // samples there to open the following chunk.
-    xt::xarray<float> takeChunk();
-    xt::xarray<float> processEndOfStream();
+    // Takes the next chunk out of the buffer into `chunk`, keeping its newest
+    // fftSize samples there to open the following chunk.
+    const xt::xarray<float>& takeChunk();
+    const xt::xarray<float>& processEndOfStream();
     bool flushFitsOneRun(std::size_t held) const;
-    xt::xarray<float> flushStream();
+    const xt::xarray<float>& flushStream();
     // Separates one prepared chunk ({channels, length}, end padding already
-    // applied at eof) and lays out its stems and the aligned mixture.
-    xt::xarray<float> separate(xt::xarray<float> data, std::size_t eofPad, bool eof);
+    // applied at eof) and lays out its stems and the aligned mixture in
+    // `result`.
+    const xt::xarray<float>& separate(const xt::xarray<float>& data, std::size_t eofPad, bool eof);
     std::string framesShape(const PreProcessor::FrameRange& frames) const;
     std::size_t resultLength(std::size_t produced, std::size_t lead, std::size_t eofPad, bool eof) const;
-    xt::xarray<float> assemble(const PreProcessor::FrameRange& frames, const xt::xarray<float>& data,
-                               std::size_t frontPad, std::size_t eofPad, bool eof);
-    void zeroFrom(xt::xarray<float>& result, std::size_t stemRows, std::size_t stemEnd, std::size_t mixEnd) const;
+    void assemble(const PreProcessor::FrameRange& frames, const xt::xarray<float>& data, std::size_t frontPad,
+                  std::size_t eofPad, bool eof);
+    void zeroFrom(std::size_t stemRows, std::size_t stemEnd, std::size_t mixEnd);
     // Runs the frame in frameScratch through a stem's synthesizer, writing
     // the part of its output at untrimmed position `pos` that survives the
     // lead-in cut and the end trim straight into the stem's rows. Returns
@@ -71,6 +75,13 @@ private:
     bool firstResult = true;
     // One frame of one stem, {channels, fftSize}, reused for every frame.
     xt::xtensor<float, 2> frameScratch;
+    // The chunk taken out of the buffer and the separated result,
+    // {stemCount + 1, channels, m}: a few MB each, so they are kept between
+    // chunks instead of being handed back to the system every time.
+    xt::xarray<float> chunk;
+    xt::xarray<float> result;
+    // What a call returns when nothing was separated; never written.
+    xt::xarray<float> noResult;
 };
 
 }  // namespace tonwerk

@@ -119,7 +119,7 @@ PreProcessor::FrameRange PreProcessor::analyseRows(const float* first, std::uint
         }
     }
     TW_LOG(debug, "PreProcessor::process") << "Process signal finished";
-    heldBackSpectrum = packFrames(range.last, frameCount);
+    packFramesInto(range.last, frameCount, heldBackSpectrum);
     return range;
 }
 
@@ -194,8 +194,14 @@ void PreProcessor::packFrame(std::uint64_t output, std::uint64_t slot, xt::xtens
 }
 
 xt::xarray<float> PreProcessor::packFrames(std::uint64_t firstSlot, std::uint64_t lastSlot) const {
+    xt::xarray<float> packed;
+    packFramesInto(firstSlot, lastSlot, packed);
+    return packed;
+}
+
+void PreProcessor::packFramesInto(std::uint64_t firstSlot, std::uint64_t lastSlot, xt::xarray<float>& packed) const {
     const std::uint64_t frames = lastSlot - firstSlot;
-    xt::xarray<float> packed = xt::xarray<float>::from_shape({outputCount, channelCount, frames * fftSize});
+    packed.resize({outputCount, channelCount, frames * fftSize});
     float* dst = packed.data();
     for (std::uint64_t s = 0; s < outputCount; ++s) {
         for (std::uint64_t c = 0; c < channelCount; ++c) {
@@ -204,7 +210,6 @@ xt::xarray<float> PreProcessor::packFrames(std::uint64_t firstSlot, std::uint64_
             }
         }
     }
-    return packed;
 }
 
 }  // namespace tonwerk

@@ -67,6 +67,8 @@ private:
     // Every output's frames in slots [firstSlot, lastSlot), packed as the
     // inverse transform reads them: {outputCount, channels, frames * fftSize}.
     xt::xarray<float> packFrames(std::uint64_t firstSlot, std::uint64_t lastSlot) const;
+    // The same into `packed`, whose storage is kept when its size matches.
+    void packFramesInto(std::uint64_t firstSlot, std::uint64_t lastSlot, xt::xarray<float>& packed) const;
     // One channel's frame at `slot` of output `output`, interleaved into `dst`.
     void packInto(std::uint64_t output, std::uint64_t channel, std::uint64_t slot, float* dst) const;
 
@@ -81,6 +83,8 @@ private:
     bool keepEdgeFrames;
     std::uint64_t edgeFrames = 0;
     xt::xtensor<float, 3> spectrogram;
+    // Refilled by every call, so its storage is reused rather than
+    // allocated again for each chunk.
     xt::xarray<float> heldBackSpectrum;
     bool firstCall = true;
     // {outputCount, 2 * channels, frameCount, fftSize / 2}: the model writes

@@ -41,20 +41,18 @@ std::size_t stemIndexOf(const std::string& outputName) {
     return kStemCount;
 }
 
-std::vector<std::string> modelInputNames(const Ort::Session& session) {
-    Ort::AllocatorWithDefaultOptions allocator;
-    std::vector<std::string> names;
-    for (std::size_t i = 0; i < session.GetInputCount(); ++i) {
-        names.emplace_back(session.GetInputNameAllocated(i, allocator).get());
-    }
-    return names;
-}
+enum class Side { inputs, outputs };
 
-std::vector<std::string> modelOutputNames(const Ort::Session& session) {
+// The model's own input or output names, in model order; each name's buffer
+// goes back to the runtime's allocator once copied.
+std::vector<std::string> modelNames(const Ort::Session& session, Side side) {
     Ort::AllocatorWithDefaultOptions allocator;
+    const std::size_t count = side == Side::inputs ? session.GetInputCount() : session.GetOutputCount();
     std::vector<std::string> names;
-    for (std::size_t i = 0; i < session.GetOutputCount(); ++i) {
-        names.emplace_back(session.GetOutputNameAllocated(i, allocator).get());
+    for (std::size_t i = 0; i < count; ++i) {
+        const Ort::AllocatedStringPtr name = side == Side::inputs ? session.GetInputNameAllocated(i, allocator)
+                                                                  : session.GetOutputNameAllocated(i, allocator);
+        names.emplace_back(name.get());
     }
     return names;
 }
@@ -87,8 +85,8 @@ public:
         removeModelCacheDirectory(coreMlCacheDirectory_);
 
         // Runs always feed the fixed input names; the list is kept for reference.
-        inputNames_ = inputNames.empty() ? modelInputNames(*session_) : inputNames;
-        outputNames_ = outputNames.empty() ? modelOutputNames(*session_) : outputNames;
+        inputNames_ = inputNames.empty() ? modelNames(*session_, Side::inputs) : inputNames;
+        outputNames_ = outputNames.empty() ? modelNames(*session_, Side::outputs) : outputNames;
         inputShape_ = shapeOf(session_->GetInputTypeInfo(0));
         outputShape_ = shapeOf(session_->GetOutputTypeInfo(0));
     }

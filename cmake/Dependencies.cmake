@@ -1,13 +1,17 @@
 # Locates the dependencies: Debian packages through their CMake packages, and
 # the ONNX Runtime and PFFFT copies that scripts/bootstrap.sh unpacks.
 find_package(Threads REQUIRED)
-find_package(xtl REQUIRED)
-find_package(xtensor REQUIRED)
-find_package(fmt REQUIRED)
+if(CMAKE_CROSSCOMPILING)
+  include(${CMAKE_CURRENT_LIST_DIR}/HostHeaders.cmake)
+else()
+  find_package(xtl REQUIRED)
+  find_package(xtensor REQUIRED)
+  find_package(fmt REQUIRED)
+  find_path(SPDLOG_INCLUDE_DIR spdlog/spdlog.h REQUIRED)
+endif()
 
 # spdlog compiled into our code (header-only) on top of header-only fmt, so the
 # library carries no logging library of its own at run time.
-find_path(SPDLOG_INCLUDE_DIR spdlog/spdlog.h REQUIRED)
 add_library(tonwerk_spdlog INTERFACE)
 target_include_directories(tonwerk_spdlog SYSTEM INTERFACE ${SPDLOG_INCLUDE_DIR})
 target_compile_definitions(tonwerk_spdlog INTERFACE SPDLOG_FMT_EXTERNAL)
@@ -37,6 +41,12 @@ endif()
 if(NOT EXISTS "${TONWERK_ORT_INCLUDE_DIR}/onnxruntime_cxx_api.h" OR NOT EXISTS "${TONWERK_ORT_RUNTIME}")
   message(FATAL_ERROR "ONNX Runtime not found (headers in ${TONWERK_ORT_INCLUDE_DIR}, runtime ${TONWERK_ORT_RUNTIME}). "
                       "Run scripts/bootstrap.sh or pass -DONNXRUNTIME_ROOT=<release folder>.")
+endif()
+# DirectML.dll ships beside the Windows runtime, which loads it from there.
+set(TONWERK_DIRECTML_DLL "")
+get_filename_component(_ort_lib_dir "${TONWERK_ORT_RUNTIME}" DIRECTORY)
+if(WIN32 AND EXISTS "${_ort_lib_dir}/DirectML.dll")
+  set(TONWERK_DIRECTML_DLL "${_ort_lib_dir}/DirectML.dll")
 endif()
 add_library(tonwerk_ort_headers INTERFACE)
 target_include_directories(tonwerk_ort_headers SYSTEM INTERFACE ${TONWERK_ORT_INCLUDE_DIR})

@@ -7,6 +7,18 @@ function(tonwerk_target_defaults target)
     target_compile_options(${target} PRIVATE $<$<COMPILE_LANGUAGE:CXX>:-Wall -Wextra -Wpedantic>)
   endif()
   tonwerk_sanitize(${target})
+  tonwerk_static_runtime(${target})
+endfunction()
+
+# mingw programs and DLLs carry their C++ runtime and thread library inside, so
+# that they load with Windows' own DLLs alone.
+function(tonwerk_static_runtime target)
+  if(MINGW)
+    get_target_property(type ${target} TYPE)
+    if(type STREQUAL "EXECUTABLE" OR type STREQUAL "SHARED_LIBRARY")
+      target_link_options(${target} PRIVATE -static)
+    endif()
+  endif()
 endfunction()
 
 function(tonwerk_sanitize target)

@@ -2,6 +2,7 @@
 # Installs everything the build needs: Debian packages and the pinned npm
 # packages that carry ONNX Runtime and PFFFT. Safe to run again; it returns
 # quickly when everything is already in place.
+#   --windows   also the mingw-w64 cross compiler and Wine (about 1.3 GB)
 set -euo pipefail
 
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
@@ -17,6 +18,9 @@ DEBIAN_PACKAGES=(
   libsndfile1-dev libsoxr-dev
   python3-onnx python3-numpy
 )
+if [ "${1:-}" = "--windows" ]; then
+  DEBIAN_PACKAGES+=(g++-mingw-w64-x86-64-posix mingw-w64-tools wine wine64 googletest util-linux)
+fi
 
 fail() { echo "bootstrap: $*" >&2; exit 1; }
 

@@ -15,6 +15,9 @@
 
 namespace tonwerk::test {
 
+// M_PI is not standard C++ and some C libraries (mingw's) leave it out.
+constexpr double kPi = 3.14159265358979323846;
+
 inline std::vector<unsigned char> readModel(const std::string& name) {
     std::ifstream in(std::string(TONWERK_TEST_MODELS_DIR) + "/" + name, std::ios::binary);
     if (!in) throw std::runtime_error("missing test model " + name);

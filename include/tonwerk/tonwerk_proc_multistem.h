@@ -124,8 +124,18 @@ private:
 
 static_assert(sizeof(InferenceContext) == sizeof(void*), "InferenceContext must stay one pointer wide");
 static_assert(sizeof(TonwerkProc) == sizeof(void*), "TonwerkProc must stay one pointer wide");
-static_assert(sizeof(TonwerkProcConfig) == 24, "TonwerkProcConfig layout is fixed");
+// The record crosses the library boundary by value, so its layout is part of
+// the binary interface: the platform C++ ABI's. Windows compilers (MSVC, and
+// mingw with its default MS bit-field layout) give the six stem bits a whole
+// 32-bit unit; the Itanium ABI packs spareFlag into the unit's second byte.
+#if defined(_WIN32)
+static_assert(offsetof(TonwerkProcConfig, spareFlag) == 4, "TonwerkProcConfig layout is fixed");
+#else
+static_assert(offsetof(TonwerkProcConfig, spareFlag) == 1, "TonwerkProcConfig layout is fixed");
+#endif
+static_assert(offsetof(TonwerkProcConfig, configExtra) == 8, "TonwerkProcConfig layout is fixed");
 static_assert(offsetof(TonwerkProcConfig, channels) == 16, "TonwerkProcConfig layout is fixed");
 static_assert(offsetof(TonwerkProcConfig, interleaved) == 20, "TonwerkProcConfig layout is fixed");
+static_assert(sizeof(TonwerkProcConfig) == 24, "TonwerkProcConfig layout is fixed");
 
 }  // namespace tonwerk

@@ -1,13 +1,16 @@
 #include "common/logging.h"
 
 #include <spdlog/details/log_msg.h>
+#include <spdlog/details/os.h>
 #include <spdlog/formatter.h>
 #include <spdlog/logger.h>
-#include <spdlog/sinks/stdout_sinks.h>
+#include <spdlog/sinks/base_sink.h>
 
 #include <atomic>
 #include <chrono>
+#include <cstdio>
 #include <ctime>
+#include <mutex>
 
 namespace tonwerk::log {
 namespace {
@@ -47,8 +50,7 @@ public:
         const auto sinceEpoch = msg.time.time_since_epoch();
         const std::time_t seconds = std::chrono::duration_cast<std::chrono::seconds>(sinceEpoch).count();
         const auto millis = std::chrono::duration_cast<std::chrono::milliseconds>(sinceEpoch).count() % 1000;
-        std::tm local{};
-        localtime_r(&seconds, &local);
+        const std::tm local = spdlog::details::os::localtime(seconds);
         fmt::format_to(std::back_inserter(dest), "{}-{:02}-{:02} {:02}:{:02}:{:02}.{:03} {:<5} [{}] [{}@{}] ",
                        local.tm_year + 1900, local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min,
                        local.tm_sec, static_cast<int>(millis), severityName(fromSpdlog(msg.level)), msg.thread_id,
@@ -57,6 +59,19 @@ public:
         dest.push_back('\n');
     }
     std::unique_ptr<spdlog::formatter> clone() const override { return std::make_unique<LineFormatter>(); }
+};
+
+// Standard output through the C library's stream on every platform. spdlog's
+// Windows console sink writes to the system handle it saw when it was made and
+// would miss a later redirection of the stream (by a host or a test).
+class StdoutSink final : public spdlog::sinks::base_sink<std::mutex> {
+protected:
+    void sink_it_(const spdlog::details::log_msg& msg) override {
+        spdlog::memory_buf_t line;
+        formatter_->format(msg, line);
+        std::fwrite(line.data(), 1, line.size(), stdout);
+    }
+    void flush_() override { std::fflush(stdout); }
 };
 
 std::atomic<spdlog::logger*> activeLogger{nullptr};
@@ -89,7 +104,7 @@ void write(Severity severity, const char* function, int line, const std::string&
 
 std::unique_ptr<LogSetup> LogSetup::trySetUp() {
     if (activeLogger.load() != nullptr) return nullptr;
-    auto sink = std::make_shared<spdlog::sinks::stdout_sink_mt>();
+    auto sink = std::make_shared<StdoutSink>();
     sink->set_formatter(std::make_unique<LineFormatter>());
     auto* logger = new spdlog::logger("tonwerk", std::move(sink));
     logger->set_level(spdlog::level::trace);  // the threshold is applied by enabled()

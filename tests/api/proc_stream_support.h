@@ -61,7 +61,7 @@ inline std::vector<float> sines(std::size_t frames, const std::vector<std::array
     std::vector<float> out(frames);
     for (std::size_t i = 0; i < frames; ++i) {
         double v = 0.0;
-        for (const auto& p : partials) v += p[1] * std::sin(2.0 * M_PI * p[0] * static_cast<double>(i) / 44100.0 + p[2]);
+        for (const auto& p : partials) v += p[1] * std::sin(2.0 * tonwerk::test::kPi * p[0] * static_cast<double>(i) / 44100.0 + p[2]);
         out[i] = static_cast<float>(v);
     }
     return out;

@@ -3,8 +3,12 @@
 
 #include <gtest/gtest.h>
 
+#if defined(_WIN32)
+#include <windows.h>
+#else
 #include <sys/syscall.h>
 #include <unistd.h>
+#endif
 
 #include <ctime>
 #include <regex>
@@ -15,6 +19,25 @@ namespace tonwerk::log {
 namespace {
 
 using test::stdoutOf;
+
+// The system's id of the calling thread, as the console shows it.
+unsigned long systemThreadId() {
+#if defined(_WIN32)
+    return GetCurrentThreadId();
+#else
+    return static_cast<unsigned long>(::syscall(SYS_gettid));
+#endif
+}
+
+std::tm localTime(std::time_t time) {
+    std::tm local{};
+#if defined(_WIN32)
+    localtime_s(&local, &time);
+#else
+    localtime_r(&time, &local);
+#endif
+    return local;
+}
 
 const std::regex kLine(R"((\d{4})-(\d\d)-(\d\d) (\d\d):(\d\d):(\d\d)\.(\d{3}) (.{5}) \[(\d+)\] \[([^@\]]+)@(\d+)\] (.*)\n)");
 
@@ -30,14 +53,13 @@ TEST(Logging, LineLayoutMatchesTheTextFormat) {
     std::smatch m;
     ASSERT_TRUE(std::regex_match(out, m, kLine)) << out;
     EXPECT_EQ(m[8].str(), "WARN ");
-    EXPECT_EQ(std::stoul(m[9].str()), static_cast<unsigned long>(::syscall(SYS_gettid)));
+    EXPECT_EQ(std::stoul(m[9].str()), systemThreadId());
     EXPECT_EQ(m[10].str(), "BufferAggregator::get");
     EXPECT_EQ(std::stoi(m[11].str()), line);
     EXPECT_EQ(m[12].str(), "cannot return requested size: 12, eof=1");
 
     // Local wall-clock time, to the second the record was made in (or the next).
-    std::tm local{};
-    localtime_r(&before, &local);
+    const std::tm local = localTime(before);
     EXPECT_EQ(std::stoi(m[1].str()), local.tm_year + 1900);
     EXPECT_EQ(std::stoi(m[2].str()), local.tm_mon + 1);
     EXPECT_EQ(std::stoi(m[3].str()), local.tm_mday);

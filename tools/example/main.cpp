@@ -38,20 +38,26 @@ void appendFile(const std::string& path, const std::vector<float>& samples) {
     if (!out) throw std::runtime_error("cannot write " + path);
 }
 
+bool readCount(const std::string& text, std::size_t& count) {
+    if (text.empty() || text.find_first_not_of("0123456789") != std::string::npos || text.size() > 9) return false;
+    count = std::stoul(text);
+    return count > 0;
+}
+
 bool parse(int argc, char** argv, Options& options) {
     std::vector<std::string> positional;
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];
         if ((arg == "--block" || arg == "--key") && i + 1 < argc) {
             if (arg == "--key") options.key = argv[++i];
-            else options.block = std::stoul(argv[++i]);
+            else if (!readCount(argv[++i], options.block)) return false;
         } else if (arg.rfind("--", 0) == 0) {
             return false;
         } else {
             positional.push_back(arg);
         }
     }
-    if (positional.size() != 3 || options.block == 0) return false;
+    if (positional.size() != 3) return false;
     options.model = positional[0];
     options.input = positional[1];
     options.outDir = positional[2];

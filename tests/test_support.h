@@ -41,13 +41,14 @@ inline std::vector<std::string> linesWith(const std::string& text, const std::st
     return lines;
 }
 
-// identity.onnx on the CPU with every stem selected: vocals = input, the rest silent.
-inline std::shared_ptr<IInference> identityBackend() {
+// identity.onnx with every stem selected: vocals = input, the rest silent. By
+// default on the CPU; an empty provider name walks every available provider.
+inline std::shared_ptr<IInference> identityBackend(const std::string& providerName = "CPUExecutionProvider") {
     const auto bytes = readModel("identity.onnx");
     auto backend = makeInferenceBackend(bytes.data(), bytes.size(), {},
                                         {"vocals_output", "drum_output", "piano_output", "acoustic_guitar_output",
                                          "electric_guitar_output", "bass_output"},
-                                        "CPUExecutionProvider");
+                                        providerName);
     setSelectedStems(backend, StemFlags{true, true, true, true, true, true});
     return backend;
 }

@@ -39,3 +39,33 @@ function(tonwerk_hidden target)
     C_VISIBILITY_PRESET hidden CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON
     POSITION_INDEPENDENT_CODE ON)
 endfunction()
+
+# A library hosts load: built into the build folder's top (beside the ONNX
+# Runtime it loads), named alike on every toolchain, exporting only what its
+# header marks, versioned, and finding its sibling libraries beside itself
+# once installed. EXPORT_MAP: a linker version script that keeps the template
+# code of the standard library and header-only dependencies in (ELF only).
+function(tonwerk_shared_library target)
+  cmake_parse_arguments(L "" "EXPORT_MAP" "" ${ARGN})
+  set_target_properties(${target} PROPERTIES
+    LIBRARY_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR} RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}
+    ARCHIVE_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}
+    VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR})
+  if(WIN32)
+    # name.dll with every toolchain (mingw would add "lib").
+    set_target_properties(${target} PROPERTIES PREFIX "" IMPORT_PREFIX "")
+  else()
+    set_target_properties(${target} PROPERTIES INSTALL_RPATH "$ORIGIN")
+    if(L_EXPORT_MAP)
+      target_link_options(${target} PRIVATE -Wl,--version-script=${L_EXPORT_MAP})
+      set_target_properties(${target} PROPERTIES LINK_DEPENDS ${L_EXPORT_MAP})
+    endif()
+  endif()
+  if(NOT MSVC)
+    # The static C++ runtime (mingw) and static helper libraries must not
+    # re-export their own symbols.
+    target_link_options(${target} PRIVATE -Wl,--exclude-libs,ALL -Wl,--no-undefined)
+  endif()
+  tonwerk_hidden(${target})
+  tonwerk_target_defaults(${target})
+endfunction()

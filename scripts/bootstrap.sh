@@ -16,7 +16,7 @@ DEBIAN_PACKAGES=(
   libxtensor-dev xtl-dev libspdlog-dev libfmt-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   libsndfile1-dev libsoxr-dev
-  python3-onnx python3-numpy
+  python3-onnx python3-numpy python3-pytest python3-pip python3-setuptools python3-wheel
 )
 if [ "${1:-}" = "--windows" ]; then
   DEBIAN_PACKAGES+=(g++-mingw-w64-x86-64-posix mingw-w64-tools wine wine64 googletest util-linux)

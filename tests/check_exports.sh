@@ -1,8 +1,16 @@
 #!/usr/bin/env bash
-# The library exports the two classes' members and nothing else, and ONNX
-# Runtime is not a load-time dependency. Reads ELF (Linux) and PE (Windows DLL).
+# What a library gives hosts and what it needs at load time, for ELF (Linux)
+# and PE (Windows DLL) files:
+# - the core library exports the two classes' members and nothing else, and
+#   ONNX Runtime is not a load-time dependency (a delay-load import on Windows);
+# - the C library (file name containing tonwerk_c) exports its tw_ functions
+#   and nothing else, and needs only the core library beyond the system.
 set -euo pipefail
 lib=$1
+kind=core
+case "$(basename "$lib")" in *tonwerk_c.*) kind=c ;; esac
+
+fail() { echo "FAIL: $*" >&2; exit 1; }
 
 if [ "$(head -c 2 "$lib")" = "MZ" ]; then
   objdump=$(command -v x86_64-w64-mingw32-objdump || command -v objdump)
@@ -13,47 +21,49 @@ if [ "$(head -c 2 "$lib")" = "MZ" ]; then
   imports=$(awk '/DLL Name:/ { print $3 }' <<<"$headers" | sort -u)
   echo "imports: $(tr '\n' ' ' <<<"$imports")"
   # Windows' own DLLs only: the C++ runtime and the thread library are linked in.
-  foreign=$(grep -viE '^(kernel32|msvcrt|ucrtbase|dxgi|advapi32|user32)\.dll$|^api-ms-win-' <<<"$imports" || true)
-  if [ -n "$foreign" ]; then
-    echo "FAIL: load-time imports beyond the system DLLs:" >&2
-    echo "$foreign" >&2
-    exit 1
-  fi
-  # The runtime is reached through a delay-load descriptor with OrtGetApiBase as its only entry.
-  table=$("$objdump" -t "$lib")
-  if ! grep -q '__DELAY_IMPORT_DESCRIPTOR_.*onnxruntime_pelagrin' <<<"$table" \
-     || [ "$(grep -c '__imp_Ort' <<<"$table")" -ne 1 ] || ! grep -q '__imp_OrtGetApiBase$' <<<"$table"; then
-    echo "FAIL: no delay-load import of OrtGetApiBase from onnxruntime_pelagrin.dll" >&2
-    exit 1
+  foreign=$(grep -viE '^(kernel32|msvcrt|ucrtbase|dxgi|advapi32|user32|tonwerk_proc_multistem)\.dll$|^api-ms-win-' \
+            <<<"$imports" || true)
+  [ -z "$foreign" ] || fail "load-time imports beyond the system DLLs: $foreign"
+  if [ "$kind" = core ]; then
+    # The runtime is reached through a delay-load descriptor with OrtGetApiBase as its only entry.
+    table=$("$objdump" -t "$lib")
+    if ! grep -q '__DELAY_IMPORT_DESCRIPTOR_.*onnxruntime_pelagrin' <<<"$table" \
+       || [ "$(grep -c '__imp_Ort' <<<"$table")" -ne 1 ] || ! grep -q '__imp_OrtGetApiBase$' <<<"$table"; then
+      fail "no delay-load import of OrtGetApiBase from onnxruntime_pelagrin.dll"
+    fi
   fi
 else
   symbols=$(nm -DC --defined-only "$lib" | awk '{ $1 = ""; $2 = ""; sub(/^  /, ""); print }' | sort)
   if readelf -d "$lib" | grep -i 'NEEDED.*onnxruntime'; then
-    echo "FAIL: the ONNX Runtime is linked at load time" >&2
-    exit 1
+    fail "the ONNX Runtime is linked at load time"
   fi
 fi
 echo "$symbols"
 
-stray=$(grep -vE '^tonwerk::(InferenceContext|TonwerkProc)::' <<<"$symbols" || true)
-if [ -n "$stray" ]; then
-  echo "FAIL: symbols outside the two exported classes:" >&2
-  echo "$stray" >&2
-  exit 1
+if [ "$kind" = core ]; then
+  pattern='^tonwerk::(InferenceContext|TonwerkProc)::'
+  expected=(
+    'tonwerk::InferenceContext::InferenceContext(tonwerk::ModelData)'
+    'tonwerk::InferenceContext::InferenceContext(tonwerk::InferenceContext&&)'
+    'tonwerk::InferenceContext::operator=(tonwerk::InferenceContext&&)'
+    'tonwerk::InferenceContext::~InferenceContext()'
+    'tonwerk::TonwerkProc::TonwerkProc(std::shared_ptr<tonwerk::InferenceContext>, tonwerk::TonwerkProcConfig)'
+    'tonwerk::TonwerkProc::~TonwerkProc()'
+    'tonwerk::TonwerkProc::operator=(tonwerk::TonwerkProc const&)'
+    'tonwerk::TonwerkProc::maxInputSize() const'
+    'tonwerk::TonwerkProc::process(std::vector<float, std::allocator<float> > const&, bool)'
+  )
+  count=14  # constructors and destructors appear twice (complete and base object)
+else
+  pattern='^tw_[a-z_]+$'
+  expected=(tw_version tw_last_error tw_context_create tw_context_release tw_processor_create
+            tw_processor_destroy tw_processor_max_input tw_processor_latency tw_processor_process)
+  count=${#expected[@]}
 fi
-
-expected=(
-  'tonwerk::InferenceContext::InferenceContext(tonwerk::ModelData)'
-  'tonwerk::InferenceContext::InferenceContext(tonwerk::InferenceContext&&)'
-  'tonwerk::InferenceContext::operator=(tonwerk::InferenceContext&&)'
-  'tonwerk::InferenceContext::~InferenceContext()'
-  'tonwerk::TonwerkProc::TonwerkProc(std::shared_ptr<tonwerk::InferenceContext>, tonwerk::TonwerkProcConfig)'
-  'tonwerk::TonwerkProc::~TonwerkProc()'
-  'tonwerk::TonwerkProc::operator=(tonwerk::TonwerkProc const&)'
-  'tonwerk::TonwerkProc::maxInputSize() const'
-  'tonwerk::TonwerkProc::process(std::vector<float, std::allocator<float> > const&, bool)'
-)
+stray=$(grep -vE "$pattern" <<<"$symbols" || true)
+[ -z "$stray" ] || fail "unexpected exports: $stray"
 for e in "${expected[@]}"; do
-  grep -qxF "$e" <<<"$symbols" || { echo "FAIL: missing export: $e" >&2; exit 1; }
+  grep -qxF "$e" <<<"$symbols" || fail "missing export: $e"
 done
-echo "exports: $(wc -l <<<"$symbols") symbols, all in tonwerk::InferenceContext / tonwerk::TonwerkProc"
+[ "$(wc -l <<<"$symbols")" -eq "$count" ] || fail "$(wc -l <<<"$symbols") exports, $count expected"
+echo "exports: $count symbols, as expected"

@@ -17,9 +17,18 @@
 //           acoustic_guitar, electric_guitar, bass, residual, mix */ }
 //   }
 //
+// examples/separate_raw.cpp is this example as a complete program. Hosts
+// written in C or another language use include/tonwerk/tonwerk_c.h instead.
+//
 // Ownership: `ModelData::data` is borrowed only while the InferenceContext
 // constructor runs. A context is shared through std::shared_ptr; every
 // processor keeps its context (and with it the loaded model) alive.
+//
+// Copies and moves: a TonwerkProc cannot be copy-constructed; it moves (a
+// moved-from handle is empty: destroying or assigning to it is fine, calling
+// process() or maxInputSize() on it throws "Processor is not prepared"), so
+// it can live in standard containers. Copy assignment is shallow and has
+// sharp edges: read its comment before using it. InferenceContext moves only.
 //
 // Threading: the library starts no thread and takes no lock. One processor
 // must be used by one thread at a time. Processors built on the same context
@@ -31,15 +40,49 @@
 // Units: samples are 32-bit floats at the model's rate (44100 Hz); sizes
 // returned by maxInputSize() are frames (samples per channel).
 //
+// Latency and output sizes: output comes in bursts, one per model run, and
+// every other call returns an empty vector. Nothing comes back until the
+// stream holds 257024 frames (5.83 s); the call that gets there returns the
+// first burst. After that a burst comes whenever enough new input for the
+// next model run has arrived: every 250880 frames (5.69 s) with small
+// blocks, up to 259072 frames (5.87 s) with large ones. A burst holds about
+// what arrived since the previous one; up to 4096 frames stay behind to
+// open the next chunk. The call with `eof` returns everything still held,
+// so over a whole stream every stem is exactly as long as the input and
+// lines up with it sample for sample.
+//
+// Input and output layout: a block holds floats in the configured layout;
+// every returned stem has two channels in that same layout (interleaved
+// L R L R ..., or planar: all left samples, then all right samples).
+// `channels` only says how many floats make one interleaved frame: with 4,
+// a block of 4k floats is k frames whose stereo pairs are read from the
+// block's first 2k floats, and the rest of the block is ignored. Planar
+// input is always two channels of equal length.
+//
+// Block sizes: any size up to maxInputSize() per call, and different sizes
+// from call to call. The model runs on chunks of whole hops (1024 frames)
+// whose borders depend on the block schedule, so with a real (non-linear)
+// model the stems of the same audio streamed in different block sizes
+// differ slightly near chunk borders; a linear model gives the same stems
+// up to float rounding.
+//
 // Errors: every failure is a standard exception (std::runtime_error,
 // std::invalid_argument, std::bad_alloc) or ONNX Runtime's Ort::Exception,
-// which derives from std::exception.
+// which derives from std::exception. InferenceContext construction throws
+// when the runtime or the model cannot be loaded. process() throws
+// std::runtime_error "Buffer overflow: cannot accept chunk of size N" for a
+// block that does not fit (the stream is left as it was, retry with smaller
+// blocks) and std::invalid_argument for input it cannot split into frames
+// (`channels` 0, interleaved with `channels` 1, an odd planar size; the
+// stream stays usable). A model run that fails inside the runtime does not
+// throw: it is logged and the affected output is silent.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #if defined(_WIN32)
@@ -99,6 +142,19 @@ class TONWERK_API TonwerkProc {
 public:
     TonwerkProc(std::shared_ptr<InferenceContext> context, TonwerkProcConfig config);
     ~TonwerkProc();
+
+    // Moves are defined here rather than in the library, so that they cost
+    // nothing at the boundary. The moved-from handle is left empty.
+    TonwerkProc(TonwerkProc&& other) noexcept : impl(other.impl) { other.impl = nullptr; }
+    TonwerkProc& operator=(TonwerkProc&& other) noexcept {
+        TonwerkProc released(std::move(other));
+        TonwerkProcImpl* previous = impl;
+        impl = released.impl;
+        released.impl = previous;  // this handle's former stream ends with `released`
+        return *this;
+    }
+    // Two handles owning one implementation would free it twice.
+    TonwerkProc(const TonwerkProc&) = delete;
 
     // Shallow: afterwards both handles share one implementation, and this
     // object's previous implementation is neither destroyed nor freed (it

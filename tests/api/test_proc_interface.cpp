@@ -1,11 +1,12 @@
 // The processor's contract with the host: input layouts, when output starts,
-// what maxInputSize reports, rejected input, sharing of models, and the
-// shallow copy assignment of handles.
+// what maxInputSize reports, rejected input, sharing of models, moving
+// handles and the shallow copy assignment.
 #include "proc_stream_support.h"
 
 #include <new>
 #include <stdexcept>
 #include <thread>
+#include <type_traits>
 
 #if defined(__SANITIZE_ADDRESS__)
 #include <sanitizer/lsan_interface.h>
@@ -151,6 +152,38 @@ TEST(ProcSharing, ProcessorsAndThreadsDoNotDisturbEachOther) {
     for (std::size_t i = 0; i < 2; ++i) {
         EXPECT_EQ(errors[i], "") << "thread " << i;
         expectSameOutput(outputs[i], reference);
+    }
+}
+
+static_assert(!std::is_copy_constructible_v<tonwerk::TonwerkProc>, "copies would free one stream twice");
+static_assert(std::is_nothrow_move_constructible_v<tonwerk::TonwerkProc> &&
+              std::is_nothrow_move_assignable_v<tonwerk::TonwerkProc>, "handles relocate in containers");
+
+// Each stream travels with its handle through reallocations and moves; a
+// moved-from handle is empty, and assigning over a handle ends its stream.
+TEST(ProcMoves, StreamsFollowTheirHandles) {
+    const Stereo signal = bandLimitedSignal(6000);
+    auto context = loadContext("identity.onnx");
+    std::vector<tonwerk::TonwerkProc> procs;
+    for (int i = 0; i < 5; ++i) {
+        procs.emplace_back(context, makeConfig(true));
+        ASSERT_TRUE(procs.back().process(block(signal, 0, 3000, true), false).empty());
+    }
+    tonwerk::TonwerkProc moved(std::move(procs[0]));
+    try {
+        procs[0].maxInputSize();
+        ADD_FAILURE() << "a moved-from handle still works";
+    } catch (const std::runtime_error& e) {
+        EXPECT_STREQ(e.what(), "Processor is not prepared");
+    }
+    procs[1] = std::move(moved);
+    auto& self = procs[2];
+    procs[2] = std::move(self);
+    procs.erase(procs.begin());
+    for (auto& proc : procs) {
+        StreamOutput out;
+        append(out, proc.process(block(signal, 3000, 3000, true), true), true);
+        expectIdentityOutput(out, signal);
     }
 }
 

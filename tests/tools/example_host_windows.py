@@ -1,8 +1,10 @@
 #!/usr/bin/env python3
-"""The Windows build of tonwerk-example, run under Wine.
+"""The Windows builds of the example hosts, run under Wine.
 
-matches-linux:   its stems equal those of the Linux build for the same input
-                 and model, sample for sample within 1e-6.
+matches-linux:   the stems of the C++ host (tonwerk-example) and of the C host
+                 (tonwerk-example-c, through tonwerk_c.dll) equal those of the
+                 Linux build for the same input and model, sample for sample
+                 within 1e-6.
 missing-runtime: with the DLL but without onnxruntime_pelagrin.dll beside it,
                  the host gets a clear error naming the file and the folder
                  instead of a crash.
@@ -35,7 +37,7 @@ def write_input(path):
 
 def separate(command, model, source, out_dir, block):
     os.makedirs(out_dir)
-    result = subprocess.run(command + [model, source, out_dir, "--block", str(block)], capture_output=True, text=True)
+    result = subprocess.run(command + [model, source, out_dir, str(block)], capture_output=True, text=True)
     if result.returncode != 0:
         fail(f"{' '.join(command)} exited {result.returncode}: {result.stderr.strip()}")
 
@@ -48,18 +50,19 @@ def matches_linux(args):
     # Blocks of 1000 frames are not whole hops: the chunking must still agree.
     for model, block in (("identity.onnx", 4096), ("band_split.onnx", 1000)):
         outputs = {}
-        for platform, command in (("linux", [args.linux_exe]), ("windows", [args.wine_run, args.windows_exe])):
+        for platform, command in (("linux", [args.linux_exe]), ("windows", [args.wine_run, args.windows_exe]),
+                                  ("windows-c", [args.wine_run, args.windows_c_exe])):
             outputs[platform] = os.path.join(args.work, f"{model}.{platform}")
             separate(command, os.path.join(args.models, model), source, outputs[platform], block)
         worst = 0.0
-        for stem in STEMS:
+        for stem, host in ((stem, host) for stem in STEMS for host in ("windows", "windows-c")):
             linux = np.fromfile(os.path.join(outputs["linux"], stem + ".f32"), dtype=np.float32)
-            windows = np.fromfile(os.path.join(outputs["windows"], stem + ".f32"), dtype=np.float32)
+            windows = np.fromfile(os.path.join(outputs[host], stem + ".f32"), dtype=np.float32)
             if linux.size != 2 * FRAMES or windows.size != 2 * FRAMES:
-                fail(f"{model} {stem}: {linux.size} Linux and {windows.size} Windows samples, {2 * FRAMES} expected")
+                fail(f"{model} {stem}: {linux.size} Linux and {windows.size} {host} samples, {2 * FRAMES} expected")
             difference = float(np.max(np.abs(linux.astype(np.float64) - windows)))
             if difference > TOLERANCE:
-                fail(f"{model} {stem}: Windows differs from Linux by up to {difference:.3g}")
+                fail(f"{model} {stem}: {host} differs from Linux by up to {difference:.3g}")
             worst = max(worst, difference)
         print(f"{model}, blocks of {block}: eight stems of {FRAMES} frames, largest difference {worst:.3g}")
 
@@ -90,6 +93,7 @@ def main():
     parser.add_argument("check", choices=["matches-linux", "missing-runtime"])
     parser.add_argument("--wine-run", required=True)
     parser.add_argument("--windows-exe", required=True)
+    parser.add_argument("--windows-c-exe", required=True)
     parser.add_argument("--library", required=True)
     parser.add_argument("--linux-exe", required=True)
     parser.add_argument("--models", required=True)

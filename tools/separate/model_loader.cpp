@@ -12,11 +12,15 @@ namespace tonwerk::tools {
 
 namespace fs = std::filesystem;
 
+// models/ beside the program in a build folder; share/tonwerk/models/ of the
+// prefix once installed into bin/.
 std::string defaultModelPath() {
     std::error_code ec;
     const fs::path executable = fs::read_symlink("/proc/self/exe", ec);
     const fs::path folder = ec ? fs::current_path() : executable.parent_path();
-    return (folder / "models" / "tonwerk-dsp-baseline.onnx").string();
+    const fs::path beside = folder / "models" / "tonwerk-dsp-baseline.onnx";
+    const fs::path installed = folder.parent_path() / "share" / "tonwerk" / "models" / "tonwerk-dsp-baseline.onnx";
+    return (fs::exists(beside, ec) || !fs::exists(installed, ec) ? beside : installed).string();
 }
 
 std::shared_ptr<InferenceContext> loadCheckedModel(const std::string& path, const std::string& key) {

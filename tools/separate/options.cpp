@@ -19,7 +19,7 @@ const char* const separateUsage =
     "\n"
     "  -o OUTDIR            output folder, created if missing (default: .)\n"
     "  --model PATH         separation model (default: models/tonwerk-dsp-baseline.onnx\n"
-    "                       beside this program)\n"
+    "                       beside this program, or ../share/tonwerk/models/ once installed)\n"
     "  --key KEY            the model file is scrambled with KEY\n"
     "  --stems LIST         comma-separated stems to ask the model for (default: all six);\n"
     "                       the others are still written, silent\n"

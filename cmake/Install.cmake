@@ -25,20 +25,28 @@ install(FILES include/tonwerk/tonwerk_proc_multistem.h include/tonwerk/tonwerk_c
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/tonwerk)
 
 install(EXPORT TonwerkTargets NAMESPACE Tonwerk:: DESTINATION ${TONWERK_CMAKE_DIR})
-configure_package_config_file(cmake/TonwerkConfig.cmake.in ${CMAKE_BINARY_DIR}/TonwerkConfig.cmake
+# Staged outside the build folder's top, where find_package would take them
+# for an installed tree.
+set(tonwerk_package_stage ${CMAKE_BINARY_DIR}/package)
+configure_package_config_file(cmake/TonwerkConfig.cmake.in ${tonwerk_package_stage}/TonwerkConfig.cmake
   INSTALL_DESTINATION ${TONWERK_CMAKE_DIR})
 # 0.x: a new minor version may change the interface.
-write_basic_package_version_file(${CMAKE_BINARY_DIR}/TonwerkConfigVersion.cmake COMPATIBILITY SameMinorVersion)
-install(FILES ${CMAKE_BINARY_DIR}/TonwerkConfig.cmake ${CMAKE_BINARY_DIR}/TonwerkConfigVersion.cmake
+write_basic_package_version_file(${tonwerk_package_stage}/TonwerkConfigVersion.cmake COMPATIBILITY SameMinorVersion)
+install(FILES ${tonwerk_package_stage}/TonwerkConfig.cmake ${tonwerk_package_stage}/TonwerkConfigVersion.cmake
   DESTINATION ${TONWERK_CMAKE_DIR})
 
 # Relative to the .pc file, so that the installed tree can move.
 file(RELATIVE_PATH TONWERK_PC_TO_PREFIX /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
 string(REGEX REPLACE "/$" "" TONWERK_PC_TO_PREFIX "${TONWERK_PC_TO_PREFIX}")
 foreach(pc tonwerk tonwerk_c)
-  configure_file(cmake/${pc}.pc.in ${CMAKE_BINARY_DIR}/${pc}.pc @ONLY)
-  install(FILES ${CMAKE_BINARY_DIR}/${pc}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+  configure_file(cmake/${pc}.pc.in ${tonwerk_package_stage}/${pc}.pc @ONLY)
+  install(FILES ${tonwerk_package_stage}/${pc}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 endforeach()
+
+if(MINGW)
+  # MSVC hosts make their import library from it: lib /def:tonwerk_c.def /machine:x64
+  install(FILES ${CMAKE_BINARY_DIR}/tonwerk_c.def DESTINATION ${CMAKE_INSTALL_LIBDIR})
+endif()
 
 if(TONWERK_BUILD_TOOLS AND NOT WIN32)
   install(TARGETS tonwerk-separate tonwerk-model)

@@ -21,7 +21,7 @@
  *
  * examples/separate_raw.c is this example as a complete program.
  *
- * Errors: every function that can fail returns a tw_status; TW_OK is 0. On
+ * Errors: failures are reported as a tw_status; TW_OK is 0. On
  * failure tw_last_error() gives a one-line message, kept per thread until
  * that thread's next failing call. No exception and no signal leaves the
  * library for bad input; a NULL handle or pointer is an error status too.
@@ -33,20 +33,36 @@
  *
  * Threading: the library starts no thread. One processor must be used by one
  * thread at a time, and processors of one context share one model session,
- * so their tw_processor_process calls must not overlap. Handles of
- * different contexts may be used on different threads at once.
+ * so their tw_processor_create and tw_processor_process calls must not
+ * overlap. Different contexts may be used on different threads at once,
+ * with one exception: the first context created while no logger exists sets
+ * up logging and tears it down when its model is freed, so free that context
+ * last (or while no other thread is inside the library).
+ *
+ * Logging: the library writes its warnings and errors as text lines to the
+ * process's standard output (for example that a GPU execution provider could
+ * not be set up), and ONNX Runtime may write to standard error. A host that
+ * uses standard output for data must redirect it around library calls.
+ *
+ * Stem choice: tw_processor_create stores its stem mask in the context's
+ * model session, and the processor created last decides the stems for every
+ * processor of that context. Use one context per stem choice.
  *
  * Units: samples are 32-bit floats at 44100 Hz, interleaved stereo
  * (L R L R ...); sizes are frames (one left and one right sample).
  *
  * Latency: output comes in bursts, one per model run. Nothing is returned
  * until the stream holds tw_processor_latency() frames (257024, 5.83 s); the
- * call that gets there returns the first burst, and later calls return one
- * whenever enough input for the next model run has arrived (every 250880
- * frames with small blocks, up to 259072 with large ones). The call with
+ * call that gets there returns the first burst. After that the model runs
+ * again each time roughly another 250880 frames have arrived (the exact
+ * points follow the block sizes), each burst holding at most 259072 frames.
+ * The call with
  * `eof` returns the rest: over a whole stream every stem is exactly as long
  * as the input. With a real model the stems depend slightly on the block
  * schedule, since the model runs on chunks whose borders follow the blocks.
+ *
+ * Every function that can fail returns a tw_status; the four that cannot
+ * (tw_version, tw_last_error, tw_context_release, tw_processor_destroy) do not.
  */
 #ifndef TONWERK_C_H
 #define TONWERK_C_H
@@ -125,12 +141,13 @@ TW_API tw_status tw_context_create(const void* bytes, size_t size, const char* k
                                    tw_context** context);
 
 /* Gives up the caller's handle; NULL is ignored. Processors made from it
- * keep the model loaded. */
+ * keep the model loaded; the model is freed with the last of them. */
 TW_API void tw_context_release(tw_context* context);
 
 /* A processor for one stream of interleaved stereo. `stem_mask` is a set of
  * TW_STEM_* bits: the stems to ask the model for (the others come back silent
- * and their share stays in the residual). */
+ * and their share stays in the residual). The mask applies to every
+ * processor of `context` from now on (see "Stem choice" above). */
 TW_API tw_status tw_processor_create(tw_context* context, uint32_t stem_mask, tw_processor** processor);
 
 /* Ends the stream and frees the processor; NULL is ignored. */

@@ -40,16 +40,20 @@
 // Units: samples are 32-bit floats at the model's rate (44100 Hz); sizes
 // returned by maxInputSize() are frames (samples per channel).
 //
+// Stem choice: the stems a processor asks for are stored in its context's
+// model session when the processor is built, and the processor built last
+// decides them for every processor of that context. Processors that need
+// different stems use different contexts.
+//
 // Latency and output sizes: output comes in bursts, one per model run, and
 // every other call returns an empty vector. Nothing comes back until the
 // stream holds 257024 frames (5.83 s); the call that gets there returns the
-// first burst. After that a burst comes whenever enough new input for the
-// next model run has arrived: every 250880 frames (5.69 s) with small
-// blocks, up to 259072 frames (5.87 s) with large ones. A burst holds about
-// what arrived since the previous one; up to 4096 frames stay behind to
-// open the next chunk. The call with `eof` returns everything still held,
-// so over a whole stream every stem is exactly as long as the input and
-// lines up with it sample for sample.
+// first burst. After that the model runs again each time roughly another
+// 250880 frames (5.69 s) have arrived; the exact points follow the block
+// sizes. A burst holds at most 259072 frames, and output keeps pace with
+// input, up to a few thousand frames held back to open the next chunk. The call with `eof`
+// returns everything still held, so over a whole stream every stem is
+// exactly as long as the input and lines up with it sample for sample.
 //
 // Input and output layout: a block holds floats in the configured layout;
 // every returned stem has two channels in that same layout (interleaved
@@ -147,6 +151,11 @@ public:
     // nothing at the boundary. The moved-from handle is left empty.
     TonwerkProc(TonwerkProc&& other) noexcept : impl(other.impl) { other.impl = nullptr; }
     TonwerkProc& operator=(TonwerkProc&& other) noexcept {
+        if (this == &other) return *this;
+        if (impl == other.impl) {  // two handles of one stream (copy assignment): back to one owner
+            other.impl = nullptr;
+            return *this;
+        }
         TonwerkProc released(std::move(other));
         TonwerkProcImpl* previous = impl;
         impl = released.impl;

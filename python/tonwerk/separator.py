@@ -54,6 +54,20 @@ class Model:
         # The library's processors of one model must not run at once; ctypes
         # lets threads into the library together, so they queue here.
         self.lock = threading.Lock()
+        # The model session holds one stem choice for all its processors.
+        self.stem_mask = None
+
+    def claim_stems(self, mask):
+        """Fixes the model's stem choice at the first separator's; a
+        separator asking for other stems needs a Model of its own."""
+        with self.lock:
+            if self.stem_mask is None:
+                self.stem_mask = mask
+        if self.stem_mask != mask:
+            asked = [name for i, name in enumerate(STEMS) if mask >> i & 1]
+            held = [name for i, name in enumerate(STEMS) if self.stem_mask >> i & 1]
+            raise ValueError("this Model serves separators of the stems %s; load another Model for %s"
+                             % (held, asked))
 
     def __del__(self):
         handle = getattr(self, "_handle", None)
@@ -83,24 +97,32 @@ class Separator:
 
     `model` is a Model, a model file path or the model's bytes (then `key`
     applies as for Model). `stems` names the stems to ask the model for; the
-    others come back silent and their share stays in "residual".
+    others come back silent and their share stays in "residual". Separators
+    sharing a Model must ask for the same stems.
     """
 
     def __init__(self, model, key=None, stems=STEMS):
+        mask = _stem_mask(stems)
         self.model = model if isinstance(model, Model) else Model(model, key)
-        self._mask = _stem_mask(stems)
+        self.model.claim_stems(mask)
+        self._mask = mask
         self._lib = _library.load()
         self._handle = self._new_processor()
         self._output = _library.TwOutput()
 
     def _new_processor(self):
         handle = ctypes.c_void_p()
-        _check(self._lib.tw_processor_create(self.model._handle, self._mask, ctypes.byref(handle)))
+        with self.model.lock:
+            _check(self._lib.tw_processor_create(self.model._handle, self._mask, ctypes.byref(handle)))
         return handle
 
-    def _query(self, function):
+    def _destroy(self, handle):
+        with self.model.lock:
+            self._lib.tw_processor_destroy(handle)
+
+    def _query(self, function, handle=None):
         frames = ctypes.c_size_t()
-        _check(function(self._handle, ctypes.byref(frames)))
+        _check(function(handle or self._handle, ctypes.byref(frames)))
         return frames.value
 
     @property
@@ -117,7 +139,8 @@ class Separator:
         """Pushes `block`, shape (frames, 2), and returns None (no output
         yet) or a dict of the eight outputs, each (n, 2) float32. With `eof`
         the stream ends and everything still held comes back. A refused block
-        (TonwerkError, ValueError) leaves the stream as it was."""
+        (ValueError, or TonwerkError with status 1 or 2) leaves the stream as
+        it was: send it again in smaller pieces."""
         return self._push(self._handle, _as_block(block), eof)
 
     def _push(self, handle, block, eof):
@@ -144,7 +167,9 @@ class Separator:
             parts = {name: [] for name in OUTPUTS}
             start = 0
             while True:
-                end = min(audio.shape[0], start + block_frames)
+                # Never more than the processor takes at once.
+                step = min(block_frames, self._query(self._lib.tw_processor_max_input, handle))
+                end = min(audio.shape[0], start + step)
                 result = self._push(handle, audio[start:end], end == audio.shape[0])
                 for name, samples in (result or {}).items():
                     parts[name].append(samples)
@@ -152,14 +177,14 @@ class Separator:
                 if start == audio.shape[0]:
                     break
         finally:
-            self._lib.tw_processor_destroy(handle)
+            self._destroy(handle)
         return {name: np.concatenate(chunks) if chunks else np.zeros((0, 2), np.float32)
                 for name, chunks in parts.items()}
 
     def close(self):
         """Ends the stream and frees the processor; further calls raise."""
         if self._handle:
-            self._lib.tw_processor_destroy(self._handle)
+            self._destroy(self._handle)
             self._handle = ctypes.c_void_p()
 
     def __enter__(self):

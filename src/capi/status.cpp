@@ -31,7 +31,7 @@ tw_status fail(tw_status status, const char* function, const std::string& messag
 tw_status failFromCurrentException(const char* function) {
     try {
         throw;
-    } catch (const std::invalid_argument& e) {
+    } catch (const std::logic_error& e) {  // invalid_argument, and length_error for absurd sizes
         return fail(TW_ERROR_INVALID_ARGUMENT, function, e.what());
     } catch (const std::bad_alloc&) {
         return fail(TW_ERROR_OUT_OF_MEMORY, function, "out of memory");

@@ -44,8 +44,9 @@ model=$prefix/share/tonwerk/models/tonwerk-dsp-baseline.onnx
 separate() {  # NAME COMMAND...: runs a host into $work/out/NAME
   local name=$1; shift
   mkdir -p "$work/out/$name"
-  "$@" "$model" "$work/demo.f32" "$work/out/$name" >"$work/out/$name.log" 2>&1 \
-    || { cat "$work/out/$name.log" >&2; fail "$name exited with status $?"; }
+  local status=0
+  "$@" "$model" "$work/demo.f32" "$work/out/$name" >"$work/out/$name.log" 2>&1 || status=$?
+  [ "$status" -eq 0 ] || { cat "$work/out/$name.log" >&2; fail "$name exited with status $status"; }
 }
 separate reference "$build/tonwerk-example"
 

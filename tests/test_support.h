@@ -18,6 +18,17 @@ namespace tonwerk::test {
 // M_PI is not standard C++ and some C libraries (mingw's) leave it out.
 constexpr double kPi = 3.14159265358979323846;
 
+// The message of the std::runtime_error `call` throws; "no error" if it returns.
+template <typename Call>
+std::string runtimeErrorOf(Call&& call) {
+    try {
+        call();
+    } catch (const std::runtime_error& e) {
+        return e.what();
+    }
+    return "no error";
+}
+
 inline std::vector<unsigned char> readModel(const std::string& name) {
     std::ifstream in(std::string(TONWERK_TEST_MODELS_DIR) + "/" + name, std::ios::binary);
     if (!in) throw std::runtime_error("missing test model " + name);

@@ -105,7 +105,6 @@ class Separator:
         mask = _stem_mask(stems)
         self.model = model if isinstance(model, Model) else Model(model, key)
         self.model.claim_stems(mask)
-        self._mask = mask
         self._lib = _library.load()
         self._handle = self._new_processor()
         self._output = _library.TwOutput()
@@ -113,7 +112,7 @@ class Separator:
     def _new_processor(self):
         handle = ctypes.c_void_p()
         with self.model.lock:
-            _check(self._lib.tw_processor_create(self.model._handle, self._mask, ctypes.byref(handle)))
+            _check(self._lib.tw_processor_create(self.model._handle, self.model.stem_mask, ctypes.byref(handle)))
         return handle
 
     def _destroy(self, handle):

@@ -67,12 +67,9 @@ TEST(ProcThresholds, OverflowingPushIsRejectedAndTheStreamContinues) {
     tonwerk::TonwerkProc proc(loadContext("identity.onnx"), makeConfig(false));
     StreamOutput out;
     EXPECT_TRUE(proc.process(block(signal, 0, 200000, false), false).empty());
-    try {
-        proc.process(block(signal, 200000, 314049, false), false);  // one frame beyond the 514048 it holds
-        FAIL() << "overflow accepted";
-    } catch (const std::runtime_error& e) {
-        EXPECT_STREQ(e.what(), "Buffer overflow: cannot accept chunk of size 314049");
-    }
+    // One frame beyond the 514048 it holds.
+    EXPECT_EQ(tonwerk::test::runtimeErrorOf([&] { proc.process(block(signal, 200000, 314049, false), false); }),
+              "Buffer overflow: cannot accept chunk of size 314049");
     append(out, proc.process(block(signal, 200000, 160000, false), false), false);
     append(out, proc.process(block(signal, 360000, 160000, false), true), false);
     expectIdentityOutput(out, signal);
@@ -104,12 +101,8 @@ TEST(ProcConstruction, MissingContextIsReported) {
     auto context = loadContext("identity.onnx");
     auto emptied = std::make_shared<tonwerk::InferenceContext>(std::move(*context));
     for (auto& missing : {std::shared_ptr<tonwerk::InferenceContext>(), context}) {  // none; moved from
-        try {
-            tonwerk::TonwerkProc proc(missing, makeConfig(true));
-            ADD_FAILURE() << "built without a context";
-        } catch (const std::runtime_error& e) {
-            EXPECT_STREQ(e.what(), "Inference context is not provided");
-        }
+        EXPECT_EQ(tonwerk::test::runtimeErrorOf([&] { tonwerk::TonwerkProc proc(missing, makeConfig(true)); }),
+                  "Inference context is not provided");
     }
     EXPECT_EQ(tonwerk::TonwerkProc(emptied, makeConfig(true)).maxInputSize(), 257024u);
 }
@@ -179,12 +172,7 @@ TEST(ProcMoves, StreamsFollowTheirHandles) {
         ASSERT_TRUE(procs.back().process(block(signal, 0, 3000, true), false).empty());
     }
     tonwerk::TonwerkProc moved(std::move(procs[0]));
-    try {
-        procs[0].maxInputSize();
-        ADD_FAILURE() << "a moved-from handle still works";
-    } catch (const std::runtime_error& e) {
-        EXPECT_STREQ(e.what(), "Processor is not prepared");
-    }
+    EXPECT_EQ(tonwerk::test::runtimeErrorOf([&] { procs[0].maxInputSize(); }), "Processor is not prepared");
     procs[1] = std::move(moved);
     auto& self = procs[2];
     procs[2] = std::move(self);

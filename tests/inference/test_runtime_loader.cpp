@@ -1,4 +1,5 @@
 #include "inference/runtime_loader_posix.h"
+#include "test_support.h"
 
 #include <gmock/gmock.h>
 
@@ -20,12 +21,7 @@ std::string executableDirectory() {
 }
 
 std::string loadError(const std::string& path) {
-    try {
-        loadOrtApiBase(path);
-    } catch (const std::runtime_error& e) {
-        return e.what();
-    }
-    return "no error";
+    return test::runtimeErrorOf([&] { loadOrtApiBase(path); });
 }
 
 // The backend is linked statically into this test, so "our module" is the

@@ -1,4 +1,5 @@
 #include "inference/runtime_loader_win.h"
+#include "test_support.h"
 
 #include <windows.h>
 
@@ -22,12 +23,7 @@ std::wstring executableDirectory() {
 }
 
 std::string preloadError(const std::wstring& directory) {
-    try {
-        preloadOrtLibrary(directory);
-    } catch (const std::runtime_error& e) {
-        return e.what();
-    }
-    return "no error";
+    return test::runtimeErrorOf([&] { preloadOrtLibrary(directory); });
 }
 
 // The backend is linked statically into this test, so "our module" is the

@@ -42,12 +42,8 @@ TEST(BufferAggregator, WrapsAroundInOrderKeepsTheNewestSamplesAndRejectsOverflow
     EXPECT_EQ(buffer.get(3, 0), ramp(20, 3));  // leaves 23 and 24
 
     // An overflowing push leaves everything unchanged; exactly the free space fits.
-    try {
-        buffer.push(ramp(50, 7));
-        FAIL() << "overflow accepted";
-    } catch (const std::runtime_error& e) {
-        EXPECT_STREQ(e.what(), "Buffer overflow: cannot accept chunk of size 7");
-    }
+    EXPECT_EQ(test::runtimeErrorOf([&] { buffer.push(ramp(50, 7)); }),
+              "Buffer overflow: cannot accept chunk of size 7");
     EXPECT_EQ(buffer.heldLength(), 2u);
     buffer.push(ramp(25, 6));
     EXPECT_EQ(buffer.heldLength(), 8u);

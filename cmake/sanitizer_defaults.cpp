@@ -8,12 +8,19 @@
 // slow unwinder and a deeper stack than the default, since the runtime's own
 // frames carry no frame pointers.
 //
+// The report of used suppressions is left out: it would land on the standard
+// error of every tool run, which the tool tests read.
+//
 // Settings given in ASAN_OPTIONS / LSAN_OPTIONS still override these.
 
 extern "C" {
 
 __attribute__((used, visibility("default"))) const char* __asan_default_options() {
     return "fast_unwind_on_malloc=0:malloc_context_size=64";
+}
+
+__attribute__((used, visibility("default"))) const char* __lsan_default_options() {
+    return "print_suppressions=0";
 }
 
 __attribute__((used, visibility("default"))) const char* __lsan_default_suppressions() {

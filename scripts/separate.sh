@@ -6,7 +6,8 @@
 #
 # Without INPUT it synthesises the demo song (build/demo/demo.wav, with its
 # true parts in build/demo/stems/) and also prints each stem's SDR against
-# those parts. OUTDIR defaults to out/. The build folder is build/ unless
+# those parts. OUTDIR defaults to out/; stems from an earlier run there are
+# replaced. The build folder is build/ unless
 # TONWERK_BUILD_DIR names another. Extra tonwerk-separate options can be
 # passed in TONWERK_SEPARATE_ARGS, e.g. TONWERK_SEPARATE_ARGS="--format pcm16".
 set -euo pipefail
@@ -24,7 +25,7 @@ targets=(tonwerk-separate tonwerk_baseline_model)
 [ -z "$input" ] && targets+=(tonwerk_demo)
 cmake --build "$build" -j2 --target "${targets[@]}"
 
-args=()
+args=(--overwrite)
 if [ -z "$input" ]; then
   input="$build/demo/demo.wav"
   args+=(--reference-dir "$build/demo/stems")

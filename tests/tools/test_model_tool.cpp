@@ -82,6 +82,14 @@ TEST_F(ModelTool, ScrambleAndUnscrambleRoundTripWithTheKey) {
     ASSERT_EQ(tool({"unscramble", scrambled.string(), restored.string(), "--key", "Ab"}).exitStatus, 0);
     EXPECT_EQ(bytesOf(restored), original);
     EXPECT_EQ(folderEntries(scratch.path()), (std::vector<std::string>{"restored.onnx", "scrambled.bin"}));
+
+    // In place works, through another spelling of the same path too, but never silently.
+    const ToolRun inPlace = tool({"unscramble", scrambled.string(), (scratch / "." / "scrambled.bin").string(), "--key",
+                                  "Ab"});
+    EXPECT_EQ(inPlace.exitStatus, 0);
+    EXPECT_EQ(inPlace.err, "tonwerk-model: warning: IN and OUT are the same file; " + scrambled.string() +
+                               " is replaced by its unscrambled bytes\n");
+    EXPECT_EQ(bytesOf(scrambled), original);
 }
 
 TEST_F(ModelTool, UsageAndFileErrors) {

@@ -6,6 +6,7 @@
 #include "tool_error.h"
 
 #include <cstring>
+#include <filesystem>
 #include <iostream>
 #include <string>
 #include <vector>
@@ -78,6 +79,13 @@ int runXor(const Command& command) {
     if (!command.keyGiven) throw usageError(command.name + " needs --key");
     std::vector<unsigned char> bytes = readFileBytes(command.paths[0]);
     xorWithKey(bytes, command.key);
+    // Allowed (the write is all or nothing), but the plain file is gone
+    // afterwards, so say so: a mistyped OUT should not pass unnoticed.
+    std::error_code ec;
+    if (std::filesystem::equivalent(command.paths[0], command.paths[1], ec)) {
+        std::cerr << "tonwerk-model: warning: IN and OUT are the same file; " << command.paths[0]
+                  << " is replaced by its " << command.name << "d bytes\n";
+    }
     writeFileBytes(command.paths[1], bytes);
     return exitOk;
 }

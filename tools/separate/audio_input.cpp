@@ -33,21 +33,6 @@ AudioInput::~AudioInput() {
     if (file_ != nullptr) sf_close(file_);
 }
 
-SampleFormat AudioInput::matchingFormat() const {
-    switch (format_ & SF_FORMAT_SUBMASK) {
-    case SF_FORMAT_PCM_S8:
-    case SF_FORMAT_PCM_U8:
-    case SF_FORMAT_PCM_16:
-    case SF_FORMAT_ALAC_16:
-        return SampleFormat::pcm16;
-    case SF_FORMAT_PCM_24:
-    case SF_FORMAT_ALAC_24:
-        return SampleFormat::pcm24;
-    default:
-        return SampleFormat::float32;
-    }
-}
-
 std::size_t AudioInput::read(float* interleaved, std::size_t frames) {
     const sf_count_t got = sf_readf_float(file_, interleaved, static_cast<sf_count_t>(frames));
     if (got < 0 || (got == 0 && sf_error(file_) != SF_ERR_NO_ERROR)) {

@@ -1,8 +1,6 @@
 // An audio file opened for reading through libsndfile.
 #pragma once
 
-#include "options.h"
-
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -24,12 +22,8 @@ public:
     int sampleRate() const { return sampleRate_; }
     int channels() const { return channels_; }
 
-    // The output format that keeps the input's resolution where a WAV stem
-    // can: 16 and 24 bits stay as they are; 8 bits become 16 (stems are
-    // quieter than the mixture and would lose what little resolution 8 bits
-    // have); everything else, floats, 32-bit integers and lossy codecs,
-    // becomes float, which loses nothing.
-    SampleFormat matchingFormat() const;
+    // libsndfile's format word (major format | subtype) of the file.
+    int fileFormat() const { return format_; }
 
     // Reads up to `frames` frames, interleaved in the file's channel count.
     // Returns how many it read; 0 at the end. Throws inputError on read errors.

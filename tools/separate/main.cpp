@@ -1,9 +1,12 @@
-// tonwerk-separate: the reference host of the separation library. Reads an
-// audio file, streams it through a TonwerkProc and writes one file per stem.
+// tonwerk-separate: the reference host of the separation library. Reads
+// audio files, streams each through a TonwerkProc and writes its stems.
 #include "interrupt.h"
 #include "options.h"
 #include "separate_command.h"
 #include "tool_error.h"
+
+#include <sndfile.h>
+#include <soxr.h>
 
 #include <chrono>
 #include <iostream>
@@ -19,6 +22,11 @@ int main(int argc, char** argv) {
         const SeparateOptions options = parseSeparateOptions(std::vector<std::string>(argv + 1, argv + argc));
         if (options.help) {
             std::cout << separateUsage;
+            return exitOk;
+        }
+        if (options.version) {
+            std::cout << "tonwerk-separate " << TONWERK_VERSION << " (" << sf_version_string() << ", "
+                      << soxr_version() << ")\n";
             return exitOk;
         }
         installInterruptHandlers();

@@ -9,27 +9,46 @@
 namespace tonwerk::tools {
 
 const char* const separateUsage =
-    "usage: tonwerk-separate INPUT [-o OUTDIR] [--model PATH] [--key KEY] [--stems LIST]\n"
-    "                        [--block FRAMES] [--format float|pcm24|pcm16] [--reference-dir DIR]\n"
+    "usage: tonwerk-separate INPUT... [-o OUTDIR] [--name PATTERN] [--model PATH] [--key KEY]\n"
+    "                        [--stems LIST] [--stems-out LIST] [--format F] [--dither] [--block FRAMES]\n"
+    "                        [--reference-dir DIR] [--skip-existing | --overwrite] [--json FILE|-]\n"
+    "                        [--quiet | --verbose] [--version]\n"
     "\n"
-    "Separates INPUT (WAV, FLAC, OGG, AIFF; mono or stereo; any sample rate) into\n"
-    "OUTDIR/<name>.<stem>.wav for vocals, drum, piano, acoustic_guitar, electric_guitar,\n"
-    "bass, residual (what the six miss of the input) and mix (the six summed). Every\n"
-    "file has the input's length, sample rate and channel count.\n"
+    "Separates each INPUT (an audio file libsndfile reads: WAV, FLAC, Ogg, MP3, AIFF, ...; mono or\n"
+    "stereo; any sample rate; or a folder, whose audio files are taken in name order) into vocals,\n"
+    "drum, piano, acoustic_guitar, electric_guitar, bass, residual (what the six miss of the input)\n"
+    "and mix (the six summed). Every stem has its input's length, sample rate and channel count.\n"
+    "The model is loaded once for all inputs.\n"
     "\n"
     "  -o OUTDIR            output folder, created if missing (default: .)\n"
+    "  --name PATTERN       stem file names under OUTDIR from {input} (the input's name without\n"
+    "                       extension) and {stem}; default {input}.{stem} for one input file,\n"
+    "                       {input}/{stem} otherwise; .wav/.flac/.ogg/.mp3 at the end sets the format\n"
     "  --model PATH         separation model (default: models/tonwerk-dsp-baseline.onnx\n"
     "                       beside this program, or ../share/tonwerk/models/ once installed)\n"
     "  --key KEY            the model file is scrambled with KEY\n"
-    "  --stems LIST         comma-separated stems to ask the model for (default: all six);\n"
-    "                       the others are still written, silent\n"
+    "  --stems LIST         comma-separated stems to ask the model for (default: all six, or the\n"
+    "                       model stems of --stems-out when that names neither residual nor mix)\n"
+    "  --stems-out LIST     comma-separated stems to write, any of the eight (default: the stems\n"
+    "                       asked for, residual and mix)\n"
+    "  --format F           wav, flac, ogg or mp3 (container), pcm16, pcm24 or float (WAV\n"
+    "                       resolution), flac16 or flac24; default: the input's resolution, FLAC\n"
+    "                       for FLAC input, 24-bit FLAC for lossy input\n"
+    "  --dither             add triangular dither before rounding to 16 or 24 bits\n"
     "  --block FRAMES       frames per call into the separator (default: 4096)\n"
-    "  --format F           float, pcm24 or pcm16 (default: the input's 16 or 24 bits,\n"
-    "                       float for anything else)\n"
-    "  --reference-dir DIR  DIR/<stem>.wav hold the true parts: print each stem's SDR\n"
+    "  --reference-dir DIR  DIR/<stem>.<ext> (any case) hold the true parts of the one INPUT:\n"
+    "                       print each stem's SDR\n"
+    "  --skip-existing      skip inputs whose stem files all exist\n"
+    "  --overwrite          replace existing stem files (default: refuse)\n"
+    "  --json FILE          also write the summary as JSON to FILE ('-': standard output,\n"
+    "                       instead of the text summary)\n"
+    "  -q, --quiet          print nothing but errors\n"
+    "  -v, --verbose        also show everything the library and ONNX Runtime print\n"
+    "  --version            print the version and exit\n"
     "  -h, --help           this text\n"
     "\n"
-    "exit status: 0 ok, 2 usage error, 3 input, model or output error\n";
+    "exit status: 0 ok, 2 usage error, 3 input, model or output error (a model that produces\n"
+    "no output included), 130 interrupted\n";
 
 namespace {
 
@@ -45,51 +64,95 @@ std::size_t parseBlock(const std::string& text) {
     return static_cast<std::size_t>(value);
 }
 
-SampleFormat parseFormat(const std::string& text) {
-    if (text == "float") return SampleFormat::float32;
-    if (text == "pcm24") return SampleFormat::pcm24;
-    if (text == "pcm16") return SampleFormat::pcm16;
-    throw usageError("--format must be float, pcm24 or pcm16, not '" + text + "'");
-}
-
-StemSelection parseStems(const std::string& text) {
-    StemSelection selection{};
+// A comma-separated list of names out of the first `count` stems.
+OutputSelection parseStemList(const std::string& option, const std::string& text, std::size_t count) {
+    OutputSelection selection{};
+    std::string known;
+    for (std::size_t i = 0; i < count; ++i) known += (i == 0 ? "" : ", ") + stemNames[i];
     std::size_t start = 0;
-    bool any = false;
     while (start <= text.size()) {
         const std::size_t comma = std::min(text.find(',', start), text.size());
         const std::string name = text.substr(start, comma - start);
-        const auto found = std::find(stemNames.begin(), stemNames.begin() + modelStemCount, name);
-        if (found == stemNames.begin() + modelStemCount) {
-            throw usageError("--stems: unknown stem '" + name +
-                             "' (vocals, drum, piano, acoustic_guitar, electric_guitar, bass)");
-        }
+        const auto end = stemNames.begin() + static_cast<std::ptrdiff_t>(count);
+        const auto found = std::find(stemNames.begin(), end, name);
+        if (found == end) throw usageError(option + ": unknown stem '" + name + "' (" + known + ")");
         selection[static_cast<std::size_t>(found - stemNames.begin())] = true;
-        any = true;
         start = comma + 1;
     }
-    if (!any) throw usageError("--stems needs at least one stem");
     return selection;
+}
+
+StemSelection modelStemsOf(const OutputSelection& selection) {
+    StemSelection stems{};
+    std::copy(selection.begin(), selection.begin() + modelStemCount, stems.begin());
+    return stems;
+}
+
+bool isFlag(const std::string& arg) {
+    static const char* const flags[] = {"-h", "--help", "--version", "-q", "--quiet", "-v", "--verbose",
+                                        "--dither", "--skip-existing", "--overwrite"};
+    return std::find(std::begin(flags), std::end(flags), arg) != std::end(flags);
+}
+
+void setFlag(SeparateOptions& options, const std::string& arg) {
+    if (arg == "-h" || arg == "--help") options.help = true;
+    else if (arg == "--version") options.version = true;
+    else if (arg == "-q" || arg == "--quiet") options.verbosity = Verbosity::quiet;
+    else if (arg == "-v" || arg == "--verbose") options.verbosity = Verbosity::verbose;
+    else if (arg == "--dither") options.dither = true;
+    else if (arg == "--skip-existing") options.existing = ExistingOutputs::skip;
+    else options.existing = ExistingOutputs::overwrite;
+}
+
+void setValue(SeparateOptions& options, const std::string& arg, const std::string& value) {
+    if (value.empty() && arg != "--stems" && arg != "--stems-out") throw usageError(arg + " needs a value");
+    if (arg == "-o") options.outDir = value;
+    else if (arg == "--name") options.namePattern = value;
+    else if (arg == "--model") options.modelPath = value;
+    else if (arg == "--key") options.key = value;
+    else if (arg == "--stems") {
+        options.stems = modelStemsOf(parseStemList(arg, value, modelStemCount));
+        options.stemsGiven = true;
+    } else if (arg == "--stems-out") options.stemsOut = parseStemList(arg, value, stemNames.size());
+    else if (arg == "--block") options.blockFrames = parseBlock(value);
+    else if (arg == "--format") options.format = parseFormatRequest(value);
+    else if (arg == "--json") options.jsonPath = value;
+    else options.referenceDir = value;
+}
+
+// Combinations that single options cannot rule out.
+void checkCombinations(const SeparateOptions& options, int quietCount, int verboseCount, int existingCount) {
+    if (quietCount > 0 && verboseCount > 0) throw usageError("--quiet and --verbose exclude each other");
+    if (existingCount > 1) throw usageError("--skip-existing and --overwrite exclude each other");
+    if (options.inputs.empty()) throw usageError("no INPUT given");
+    if (options.dither && options.format && options.format->encoding == Encoding::float32) {
+        throw usageError("--dither applies to 16- and 24-bit output, not to --format float");
+    }
 }
 
 }  // namespace
 
 SeparateOptions parseSeparateOptions(const std::vector<std::string>& args) {
+    static const char* const valued[] = {"-o",      "--name",      "--model",  "--key",  "--stems",
+                                         "--stems-out", "--block", "--format", "--json", "--reference-dir"};
     SeparateOptions options;
-    std::vector<std::string> positional;
+    int quietCount = 0, verboseCount = 0, existingCount = 0;
     bool optionsEnded = false;
     for (std::size_t i = 0; i < args.size(); ++i) {
         std::string arg = args[i];
         if (optionsEnded || arg.empty() || arg[0] != '-' || arg == "-") {
-            positional.push_back(arg);
+            options.inputs.push_back(arg);
             continue;
         }
         if (arg == "--") {
             optionsEnded = true;
             continue;
         }
-        if (arg == "-h" || arg == "--help") {
-            options.help = true;
+        if (isFlag(arg)) {
+            setFlag(options, arg);
+            quietCount += arg == "-q" || arg == "--quiet";
+            verboseCount += arg == "-v" || arg == "--verbose";
+            existingCount += arg == "--skip-existing" || arg == "--overwrite";
             continue;
         }
         std::string value;
@@ -100,8 +163,6 @@ SeparateOptions parseSeparateOptions(const std::vector<std::string>& args) {
             arg = arg.substr(0, equals);
             hasInlineValue = true;
         }
-        static const char* const valued[] = {"-o", "--model", "--key", "--stems", "--block", "--format",
-                                             "--reference-dir"};
         if (std::find(std::begin(valued), std::end(valued), arg) == std::end(valued)) {
             throw usageError("unknown option '" + arg + "'");
         }
@@ -109,40 +170,24 @@ SeparateOptions parseSeparateOptions(const std::vector<std::string>& args) {
             if (i + 1 >= args.size()) throw usageError(arg + " needs a value");
             value = args[++i];
         }
-        if (arg == "-o") {
-            if (value.empty()) throw usageError("-o needs a folder");
-            options.outDir = value;
-        } else if (arg == "--model") {
-            if (value.empty()) throw usageError("--model needs a path");
-            options.modelPath = value;
-        } else if (arg == "--key") {
-            if (value.empty()) throw usageError("--key must not be empty");
-            options.key = value;
-        } else if (arg == "--stems") {
-            options.stems = parseStems(value);
-        } else if (arg == "--block") {
-            options.blockFrames = parseBlock(value);
-        } else if (arg == "--format") {
-            options.format = parseFormat(value);
-        } else {
-            if (value.empty()) throw usageError("--reference-dir needs a folder");
-            options.referenceDir = value;
-        }
+        setValue(options, arg, value);
     }
-    if (options.help) return options;
-    if (positional.empty()) throw usageError("no INPUT file given");
-    if (positional.size() > 1) throw usageError("more than one INPUT given ('" + positional[1] + "')");
-    options.input = positional[0];
+    if (options.help || options.version) return options;
+    checkCombinations(options, quietCount, verboseCount, existingCount);
+    // Writing only model stems: asking the model for the others changes no written sample.
+    if (options.stemsOut && !options.stemsGiven && !(*options.stemsOut)[residualStem] &&
+        !(*options.stemsOut)[mixStem]) {
+        options.stems = modelStemsOf(*options.stemsOut);
+    }
     return options;
 }
 
-const char* sampleFormatName(SampleFormat format) {
-    switch (format) {
-    case SampleFormat::pcm16: return "16-bit PCM";
-    case SampleFormat::pcm24: return "24-bit PCM";
-    case SampleFormat::float32: break;
-    }
-    return "32-bit float";
+OutputSelection writtenStems(const SeparateOptions& options) {
+    if (options.stemsOut) return *options.stemsOut;
+    OutputSelection written{};
+    std::copy(options.stems.begin(), options.stems.end(), written.begin());
+    written[residualStem] = written[mixStem] = true;
+    return written;
 }
 
 }  // namespace tonwerk::tools

@@ -27,9 +27,9 @@ std::string formatDuration(double seconds) {
     return text;
 }
 
-ProgressBar::ProgressBar(std::ostream& out, bool enabled, double totalSeconds)
-    : out_(out), enabled_(enabled), totalSeconds_(totalSeconds), start_(std::chrono::steady_clock::now()),
-      lastDraw_(start_) {}
+ProgressBar::ProgressBar(std::ostream& out, bool enabled, double totalSeconds, std::string label)
+    : out_(out), enabled_(enabled), totalSeconds_(totalSeconds), label_(std::move(label)),
+      start_(std::chrono::steady_clock::now()), lastDraw_(start_) {}
 
 void ProgressBar::update(double doneSeconds) {
     if (!enabled_) return;
@@ -45,8 +45,8 @@ void ProgressBar::draw(double doneSeconds) {
     const int filled = static_cast<int>(fraction * barWidth);
     const double speed = elapsed > 0 ? doneSeconds / elapsed : 0.0;
     const std::string eta = speed > 0 ? formatDuration((totalSeconds_ - doneSeconds) / speed) : "?";
-    char line[160];
-    std::snprintf(line, sizeof line, "\r[%s%s] %3d%%  %s / %s  %.1fx real time  ETA %s\033[K",
+    char line[400];
+    std::snprintf(line, sizeof line, "\r%s[%s%s] %3d%%  %s / %s  %.1fx real time  ETA %s\033[K", label_.c_str(),
                   std::string(static_cast<std::size_t>(filled), '#').c_str(),
                   std::string(static_cast<std::size_t>(barWidth - filled), '.').c_str(),
                   static_cast<int>(fraction * 100), formatDuration(doneSeconds).c_str(),
@@ -55,7 +55,13 @@ void ProgressBar::draw(double doneSeconds) {
     drawn_ = true;
 }
 
-void ProgressBar::finish() {
+void ProgressBar::complete() {
+    if (!enabled_) return;
+    draw(totalSeconds_);
+    clear();
+}
+
+void ProgressBar::clear() {
     if (enabled_ && drawn_) out_ << "\r\033[K" << std::flush;
     drawn_ = false;
 }

@@ -11,12 +11,15 @@ namespace tonwerk::tools {
 class ProgressBar {
 public:
     // Draws nothing unless `enabled` (the caller checks for a terminal).
-    ProgressBar(std::ostream& out, bool enabled, double totalSeconds);
+    // `label` starts the line, e.g. "[2/5] song.flac ".
+    ProgressBar(std::ostream& out, bool enabled, double totalSeconds, std::string label = {});
 
     // Redraws at most a few times a second.
     void update(double doneSeconds);
-    // Erases the line so that what follows starts clean.
-    void finish();
+    // Draws 100 % and erases the line, so that what follows starts clean.
+    void complete();
+    // Erases the line for other text; the next update draws it again.
+    void clear();
 
 private:
     void draw(double doneSeconds);
@@ -24,6 +27,7 @@ private:
     std::ostream& out_;
     bool enabled_;
     double totalSeconds_;
+    std::string label_;
     std::chrono::steady_clock::time_point start_;
     std::chrono::steady_clock::time_point lastDraw_;
     bool drawn_ = false;

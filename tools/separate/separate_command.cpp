@@ -1,29 +1,31 @@
 #include "separate_command.h"
 
 #include "audio_input.h"
+#include "console.h"
+#include "execution_provider.h"
+#include "file_bytes.h"
 #include "model_loader.h"
-#include "output_folder.h"
+#include "output_folders.h"
+#include "output_plan.h"
 #include "progress_bar.h"
+#include "references.h"
+#include "run_report.h"
 #include "separation.h"
 #include "stem_output.h"
 #include "stems.h"
-#include "summary.h"
 #include "tool_error.h"
 
 #include <tonwerk/tonwerk_proc_multistem.h>
 
-#include <array>
 #include <filesystem>
-#include <iostream>
-#include <unistd.h>
+#include <set>
 
 namespace tonwerk::tools {
 
 namespace fs = std::filesystem;
+using Clock = std::chrono::steady_clock;
 
 namespace {
-
-using References = std::array<std::unique_ptr<AudioInput>, stemNames.size()>;
 
 TonwerkProcConfig makeConfig(const StemSelection& stems) {
     TonwerkProcConfig config{};
@@ -38,29 +40,44 @@ TonwerkProcConfig makeConfig(const StemSelection& stems) {
     return config;
 }
 
-// DIR/<stem>.wav for every stem that has one; each must match the output's
-// rate and channel count, since the comparison is sample by sample.
-References openReferences(const std::string& dir, int sampleRate, int channels) {
-    References references;
-    if (dir.empty()) return references;
-    std::error_code ec;
-    if (!fs::is_directory(dir, ec)) throw inputError("reference folder " + dir + ": no such folder");
-    bool any = false;
-    for (std::size_t i = 0; i < stemNames.size(); ++i) {
-        const fs::path path = fs::path(dir) / (stemNames[i] + ".wav");
-        if (!fs::exists(path, ec)) continue;
-        auto reference = std::make_unique<AudioInput>(path.string());
-        if (reference->sampleRate() != sampleRate || reference->channels() != channels) {
-            throw inputError("reference " + path.string() + " has " + std::to_string(reference->sampleRate()) +
-                             " Hz and " + std::to_string(reference->channels()) + " channel(s), the stems have " +
-                             std::to_string(sampleRate) + " Hz and " + std::to_string(channels));
+// Loaded when the first input has its outputs open, so that an unwritable
+// folder fails before the slow part; then shared by every input.
+class ModelOnce {
+public:
+    ModelOnce(const SeparateOptions& options, Console& console) : options_(options), console_(console) {}
+
+    std::shared_ptr<InferenceContext> get() {
+        if (context_) return context_;
+        try {
+            context_ = loadCheckedModel(path(), options_.key);
+        } catch (...) {
+            console_.passOnCaptured();
+            throw;
         }
-        references[i] = std::move(reference);
-        any = true;
+        reportLoad(console_.takeCaptured());
+        return context_;
     }
-    if (!any) throw inputError("reference folder " + dir + " holds no <stem>.wav file (vocals.wav, drum.wav, ...)");
-    return references;
-}
+
+    std::string path() const { return options_.modelPath.empty() ? defaultModelPath() : options_.modelPath; }
+
+private:
+    // Loading tries the GPU providers, and on a machine without one the
+    // runtime and the library say so at length; one plain line is enough
+    // unless --verbose asks for all of it.
+    void reportLoad(const std::string& log) {
+        if (options_.verbosity == Verbosity::verbose) {
+            console_.err() << (console_.errIsTerminal() ? log : withoutEscapes(log));
+            return;
+        }
+        if (options_.verbosity == Verbosity::quiet) return;
+        const std::string provider = describeExecutionProvider(loadedRuntimeProviders(), log);
+        if (!provider.empty()) console_.err() << "tonwerk-separate: " << provider << '\n';
+    }
+
+    const SeparateOptions& options_;
+    Console& console_;
+    std::shared_ptr<InferenceContext> context_;
+};
 
 // All or nothing: a failed rename takes back the files already renamed.
 void commitAll(std::vector<std::unique_ptr<StemOutput>>& stems) {
@@ -73,47 +90,119 @@ void commitAll(std::vector<std::unique_ptr<StemOutput>>& stems) {
     }
 }
 
-}  // namespace
-
-int runSeparateCommand(const SeparateOptions& options, std::chrono::steady_clock::time_point started) {
-    AudioInput input(options.input);
-    if (input.channels() > 2) {
-        throw inputError(input.path() + " has " + std::to_string(input.channels()) +
-                         " channels; only mono and stereo input can be separated");
+std::vector<fs::path> foldersOf(const InputPlan& plan) {
+    std::set<fs::path> folders;
+    for (const fs::path& output : plan.outputs) {
+        if (!output.empty()) folders.insert(output.parent_path().empty() ? fs::path(".") : output.parent_path());
     }
-    const SampleFormat format = options.format.value_or(input.matchingFormat());
-    References references = openReferences(options.referenceDir, input.sampleRate(), input.channels());
+    return {folders.begin(), folders.end()};
+}
 
-    // Output files exist (under temporary names) before the model loads, so
-    // an unwritable folder fails fast; every failure below removes them.
-    OutputFolder folder(options.outDir);
-    const StemTarget target{input.sampleRate(), input.channels(), input.frames(), format};
-    const std::string baseName = fs::path(options.input).stem().string();
+// The deepest folder holding every one of `folders`.
+std::string commonFolder(const std::vector<fs::path>& folders) {
+    fs::path common = folders.front();
+    for (const fs::path& folder : folders) {
+        fs::path shared;
+        auto a = common.begin();
+        for (auto b = folder.begin(); a != common.end() && b != folder.end() && *a == *b; ++a, ++b) shared /= *a;
+        common = shared;
+    }
+    return common.empty() ? "." : common.string();
+}
+
+std::string progressLabel(const InputPlan& plan, std::size_t index, std::size_t count) {
+    if (count == 1) return {};
+    std::string name = fs::path(plan.input).filename().string();
+    if (name.size() > 40) name = name.substr(0, 37) + "...";
+    return "[" + std::to_string(index + 1) + "/" + std::to_string(count) + "] " + name + " ";
+}
+
+InputReport reportOf(const InputPlan& plan, const AudioInput& input, const std::vector<fs::path>& folders,
+                     const std::vector<std::unique_ptr<StemOutput>>& stems) {
+    InputReport report;
+    report.input = plan.input;
+    report.seconds = static_cast<double>(input.frames()) / input.sampleRate();
+    report.sampleRate = input.sampleRate();
+    report.channels = input.channels();
+    report.outputFolder = commonFolder(folders);
+    report.format = describe(plan.format);
+    for (const auto& stem : stems) {
+        report.stems.push_back({stemNames[stem->stem()], stem->file().finalPath().string(), stem->stats().rmsDbfs(),
+                                stem->stats().peak(), stem->hasReference(), stem->sdrDb(), stem->file().clipped()});
+    }
+    return report;
+}
+
+InputReport separateInput(const InputPlan& plan, const SeparateOptions& options, ModelOnce& model, Console& console,
+                          const std::string& progressText) {
+    AudioInput input(plan.input);
+    References references =
+        openReferences(options.referenceDir, input.sampleRate(), input.channels(), input.frames());
+
+    // The stem files exist (under temporary names) before the model loads,
+    // so an unwritable folder fails fast; every failure below removes them.
+    const std::vector<fs::path> folderList = foldersOf(plan);
+    OutputFolders folders(folderList);
+    const StemTarget target{input.sampleRate(), input.channels(), input.frames(), plan.format, options.dither};
     std::vector<std::unique_ptr<StemOutput>> stems;
     for (std::size_t i = 0; i < stemNames.size(); ++i) {
-        const fs::path path = folder.path() / (baseName + "." + stemNames[i] + ".wav");
-        stems.push_back(std::make_unique<StemOutput>(stemNames[i], path, target, std::move(references[i])));
+        if (!plan.outputs[i].empty()) {
+            stems.push_back(std::make_unique<StemOutput>(i, plan.outputs[i], target, std::move(references[i])));
+        }
     }
 
-    const std::string modelPath = options.modelPath.empty() ? defaultModelPath() : options.modelPath;
-    const std::shared_ptr<InferenceContext> context = loadCheckedModel(modelPath, options.key);
-    TonwerkProc processor(context, makeConfig(options.stems));
+    TonwerkProc processor(model.get(), makeConfig(options.stems));
     if (options.blockFrames > processor.maxInputSize()) {
         throw usageError("--block may be at most " + std::to_string(processor.maxInputSize()) + " frames");
     }
-
-    const double inputSeconds = static_cast<double>(input.frames()) / input.sampleRate();
-    {
-        ProgressBar progress(std::cerr, ::isatty(STDERR_FILENO) == 1, inputSeconds);
-        runSeparation(input, processor, options.blockFrames, stems, progress);
-    }
+    const double seconds = static_cast<double>(input.frames()) / input.sampleRate();
+    ProgressBar progress(console.err(), console.errIsTerminal() && options.verbosity != Verbosity::quiet, seconds,
+                         progressText);
+    runSeparation(input, processor, options.blockFrames, options.stems, stems, progress, console);
+    progress.complete();
     commitAll(stems);
-    folder.keep();
+    folders.keep();
+    return reportOf(plan, input, folderList, stems);
+}
 
-    const double wallSeconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
-    const RunFacts facts{options.input, inputSeconds, input.sampleRate(), input.channels(),
-                         folder.path().string(), format, wallSeconds};
-    printSummary(std::cout, facts, stems);
+void writeJson(const std::string& path, const std::string& json, Console& console) {
+    if (path == "-") {
+        console.out() << json << std::flush;
+        return;
+    }
+    writeFileBytes(path, std::vector<unsigned char>(json.begin(), json.end()));
+}
+
+}  // namespace
+
+int runSeparateCommand(const SeparateOptions& options, Clock::time_point started) {
+    const std::vector<InputPlan> plans = planRun(options);
+    Console console;
+    ModelOnce model(options, console);
+    const bool textSummary = options.verbosity != Verbosity::quiet && options.jsonPath != "-";
+    RunReport run{model.path(), {}, 0.0};
+    bool separatedAny = false;
+    for (std::size_t i = 0; i < plans.size(); ++i) {
+        if (plans[i].skip) {
+            if (options.verbosity != Verbosity::quiet) {
+                console.err() << "tonwerk-separate: skipping " << plans[i].input << ": its stem files exist\n";
+            }
+            run.inputs.push_back({plans[i].input, true, 0, 0, 0, {}, {}, 0, {}});
+            continue;
+        }
+        // The first input's time includes loading the model, as a single run's always did.
+        const Clock::time_point inputStarted = separatedAny ? Clock::now() : started;
+        InputReport report =
+            separateInput(plans[i], options, model, console, progressLabel(plans[i], i, plans.size()));
+        report.wallSeconds = std::chrono::duration<double>(Clock::now() - inputStarted).count();
+        if (textSummary) printInputSummary(console.out() << (separatedAny ? "\n" : ""), report);
+        console.out() << std::flush;
+        separatedAny = true;
+        run.inputs.push_back(std::move(report));
+    }
+    run.wallSeconds = std::chrono::duration<double>(Clock::now() - started).count();
+    if (textSummary && plans.size() > 1) printRunTotals(console.out(), run);
+    if (!options.jsonPath.empty()) writeJson(options.jsonPath, runReportJson(run), console);
     return exitOk;
 }
 

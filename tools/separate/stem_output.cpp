@@ -10,12 +10,12 @@ constexpr double separatorRate = 44100.0;
 
 }  // namespace
 
-StemOutput::StemOutput(std::string name, const std::filesystem::path& path, const StemTarget& target,
+StemOutput::StemOutput(std::size_t stem, const std::filesystem::path& path, const StemTarget& target,
                        std::unique_ptr<AudioInput> reference)
-    : name_(std::move(name)),
+    : stem_(stem),
       target_(target),
       resampler_(separatorRate, target.sampleRate, 2),
-      file_(path, target.sampleRate, target.channels, target.format),
+      file_(path, target.sampleRate, target.channels, target.format, target.dither, stem),
       reference_(std::move(reference)) {}
 
 void StemOutput::push(const float* stereo, std::size_t frames) {
@@ -51,9 +51,10 @@ void StemOutput::writeAtTargetRate(const std::vector<float>& stereo) {
     file_.write(samples_.data(), frames);
     stats_.add(samples_.data(), samples_.size());
     if (reference_ != nullptr) {
-        // A reference shorter than the input counts as silence where it ends.
-        referenceSamples_.assign(samples_.size(), 0.0f);
-        reference_->read(referenceSamples_.data(), frames);
+        referenceSamples_.resize(samples_.size());
+        const std::size_t got = reference_->read(referenceSamples_.data(), frames);
+        std::fill(referenceSamples_.begin() + static_cast<std::ptrdiff_t>(got * channels), referenceSamples_.end(),
+                  0.0f);
         sdr_.add(samples_.data(), referenceSamples_.data(), samples_.size());
     }
     written_ += static_cast<std::int64_t>(frames);

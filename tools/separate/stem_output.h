@@ -4,7 +4,8 @@
 #pragma once
 
 #include "audio_input.h"
-#include "pending_wav.h"
+#include "output_format.h"
+#include "pending_audio_file.h"
 #include "signal_stats.h"
 #include "stream_resampler.h"
 
@@ -17,16 +18,17 @@
 namespace tonwerk::tools {
 
 struct StemTarget {
-    int sampleRate;         // the input's
-    int channels;           // 1 or 2, the input's
-    std::int64_t frames;    // the input's length
-    SampleFormat format;
+    int sampleRate;       // the input's
+    int channels;         // 1 or 2, the input's
+    std::int64_t frames;  // the input's length
+    OutputFormat format;
+    bool dither;
 };
 
 class StemOutput {
 public:
-    // `reference`, when given, must have the target's rate and channel count.
-    StemOutput(std::string name, const std::filesystem::path& path, const StemTarget& target,
+    // `reference`, when given, must have the target's rate, channel count and length.
+    StemOutput(std::size_t stem, const std::filesystem::path& path, const StemTarget& target,
                std::unique_ptr<AudioInput> reference);
 
     // Interleaved stereo at the separator's rate.
@@ -34,8 +36,9 @@ public:
     // Drains the resampler, pads to the target length and completes the file.
     void finish();
 
-    const std::string& name() const { return name_; }
-    PendingWav& file() { return file_; }
+    std::size_t stem() const { return stem_; }  // index into stemNames
+    PendingAudioFile& file() { return file_; }
+    const PendingAudioFile& file() const { return file_; }
     const SignalStats& stats() const { return stats_; }
     bool hasReference() const { return reference_ != nullptr; }
     std::optional<double> sdrDb() const { return sdr_.sdrDb(); }
@@ -43,10 +46,10 @@ public:
 private:
     void writeAtTargetRate(const std::vector<float>& stereo);
 
-    std::string name_;
+    std::size_t stem_;
     StemTarget target_;
     StreamResampler resampler_;
-    PendingWav file_;
+    PendingAudioFile file_;
     std::unique_ptr<AudioInput> reference_;
     std::int64_t written_ = 0;
     SignalStats stats_;

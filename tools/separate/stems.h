@@ -11,8 +11,12 @@ namespace tonwerk::tools {
 inline const std::array<std::string, 8> stemNames = {
     "vocals", "drum", "piano", "acoustic_guitar", "electric_guitar", "bass", "residual", "mix"};
 inline constexpr std::size_t modelStemCount = 6;
+inline constexpr std::size_t residualStem = 6;
+inline constexpr std::size_t mixStem = 7;
 
 // Selection of the six model stems, in stemNames order.
 using StemSelection = std::array<bool, modelStemCount>;
+// Selection of all eight, in stemNames order.
+using OutputSelection = std::array<bool, 8>;
 
 }  // namespace tonwerk::tools

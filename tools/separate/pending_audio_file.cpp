@@ -1,7 +1,8 @@
-#include "pending_wav.h"
+#include "pending_audio_file.h"
 
 #include "tool_error.h"
 
+#include <cmath>
 #include <sndfile.h>
 #include <unistd.h>
 
@@ -11,19 +12,14 @@ namespace fs = std::filesystem;
 
 namespace {
 
-int sndfileFormat(SampleFormat format) {
-    switch (format) {
-    case SampleFormat::pcm16: return SF_FORMAT_WAV | SF_FORMAT_PCM_16;
-    case SampleFormat::pcm24: return SF_FORMAT_WAV | SF_FORMAT_PCM_24;
-    case SampleFormat::float32: break;
-    }
-    return SF_FORMAT_WAV | SF_FORMAT_FLOAT;
-}
+// Vorbis and MP3 at a high quality setting: stems are for further work.
+constexpr double lossyCompressionLevel = 0.2;
 
 }  // namespace
 
-PendingWav::PendingWav(fs::path finalPath, int sampleRate, int channels, SampleFormat format)
-    : finalPath_(std::move(finalPath)) {
+PendingAudioFile::PendingAudioFile(fs::path finalPath, int sampleRate, int channels, const OutputFormat& format,
+                                   bool dither, std::uint64_t ditherSeed)
+    : finalPath_(std::move(finalPath)), channels_(channels), lossy_(format.encoding == Encoding::lossy) {
     // Hidden and tagged with the process id, so a crashed run's leftovers are
     // recognisable and two runs into one folder do not collide.
     tempPath_ = finalPath_.parent_path() /
@@ -36,11 +32,14 @@ PendingWav::PendingWav(fs::path finalPath, int sampleRate, int channels, SampleF
     if (file_ == nullptr) {
         throw inputError("cannot write " + finalPath_.string() + ": " + oneLine(sf_strerror(nullptr)));
     }
-    // Stems may exceed full scale; clip integer samples instead of letting them wrap.
-    if (format != SampleFormat::float32) sf_command(file_, SFC_SET_CLIPPING, nullptr, SF_TRUE);
+    if (isInteger(format.encoding)) quantizer_.emplace(bitsOf(format.encoding), dither, ditherSeed);
+    if (lossy_) {
+        double level = lossyCompressionLevel;
+        sf_command(file_, SFC_SET_COMPRESSION_LEVEL, &level, sizeof level);
+    }
 }
 
-PendingWav::~PendingWav() {
+PendingAudioFile::~PendingAudioFile() {
     if (file_ != nullptr) sf_close(file_);
     if (!committed_) {
         std::error_code ignored;
@@ -48,22 +47,33 @@ PendingWav::~PendingWav() {
     }
 }
 
-void PendingWav::write(const float* interleaved, std::size_t frames) {
+void PendingAudioFile::write(const float* interleaved, std::size_t frames) {
     if (frames == 0) return;
-    const sf_count_t written = sf_writef_float(file_, interleaved, static_cast<sf_count_t>(frames));
+    const std::size_t count = frames * static_cast<std::size_t>(channels_);
+    sf_count_t written = 0;
+    if (quantizer_) {
+        steps_.resize(count);
+        quantizer_->convert(interleaved, count, steps_.data());
+        written = sf_writef_int(file_, steps_.data(), static_cast<sf_count_t>(frames));
+    } else {
+        if (lossy_) {
+            for (std::size_t i = 0; i < count; ++i) lossyClipped_ += std::fabs(interleaved[i]) > 1.0f;
+        }
+        written = sf_writef_float(file_, interleaved, static_cast<sf_count_t>(frames));
+    }
     if (written != static_cast<sf_count_t>(frames)) {
         throw inputError("cannot write " + finalPath_.string() + ": " + oneLine(sf_strerror(file_)));
     }
 }
 
-void PendingWav::close() {
+void PendingAudioFile::close() {
     if (file_ == nullptr) return;
     const int status = sf_close(file_);
     file_ = nullptr;
     if (status != 0) throw inputError("cannot write " + finalPath_.string() + ": " + oneLine(sf_error_number(status)));
 }
 
-void PendingWav::commit() {
+void PendingAudioFile::commit() {
     close();
     std::error_code ec;
     fs::rename(tempPath_, finalPath_, ec);
@@ -71,7 +81,7 @@ void PendingWav::commit() {
     committed_ = true;
 }
 
-void PendingWav::remove() {
+void PendingAudioFile::remove() {
     std::error_code ignored;
     fs::remove(committed_ ? finalPath_ : tempPath_, ignored);
 }

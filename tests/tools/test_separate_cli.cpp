@@ -139,7 +139,8 @@ TEST_F(SeparateCli, StemFormatsFollowTheInputTheFormatOptionAndTheExtension) {
         const Case& c = cases[i];
         SCOPED_TRACE(i);
         const int major = c.format & SF_FORMAT_TYPEMASK;
-        const std::string name = major == SF_FORMAT_FLAC ? "take.flac" : major == SF_FORMAT_OGG ? "take.ogg" : "take.wav";
+        const std::string name =
+            major == SF_FORMAT_FLAC ? "take.flac" : (major == SF_FORMAT_OGG ? "take.ogg" : "take.wav");
         writeAudio(scratch / name, makeTones(c.rate, c.channels, 1.5, 180.0 * c.channels, c.format));
         const TestAudio input = readAudio(scratch / name);
         std::vector<std::string> args = c.extraArgs;
@@ -287,6 +288,8 @@ TEST_F(SeparateCli, AModelThatProducesNothingFailsTheRun) {
 TEST_F(SeparateCli, FailuresSayOneLineAndLeaveNothingBehind) {
     writeAudio(scratch / "good.wav", makeTones(44100, 2, 0.5, 440.0, SF_FORMAT_WAV | SF_FORMAT_FLOAT));
     writeAudio(scratch / "hifi.wav", makeTones(96000, 2, 0.2, 440.0, SF_FORMAT_WAV | SF_FORMAT_FLOAT));
+    writeAudio(scratch / "ultra.wav", makeTones(700000, 1, 0.01, 440.0, SF_FORMAT_WAV | SF_FORMAT_FLOAT));
+    fs::create_directories(scratch / "taken" / "good.mix.wav");
     writeAudio(scratch / "six.wav", makeTones(44100, 6, 0.2, 440.0, SF_FORMAT_WAV | SF_FORMAT_PCM_16));
     std::ofstream(scratch / "notes.wav") << "just some text, not audio\n";
     std::ofstream(scratch / "plain-file") << "x";
@@ -315,6 +318,17 @@ TEST_F(SeparateCli, FailuresSayOneLineAndLeaveNothingBehind) {
         {argsFor("six.wav", identity), 3, "has 6 channels; only mono and stereo"},
         {argsFor("empty", identity), 3, "empty: the folder holds no audio files"},
         {argsFor("hifi.wav", {"--format", "mp3"}), 3, "this libsndfile cannot write MP3 at 96000 Hz"},
+        {argsFor("ultra.wav", {"--format", "flac"}), 3, "this libsndfile cannot write 24-bit FLAC at 700000 Hz"},
+        {argsFor("good.wav", {"--json", (scratch / "plain-file" / "run.json").string()}), 3,
+         "cannot write the JSON summary " + (scratch / "plain-file" / "run.json").string() + ": "},
+        {{good, "-o", (scratch / "taken").string(), "--overwrite"}, 3, "good.mix.wav is a folder, not a stem file"},
+        {{good, "-o", out, "--json", good}, 2, "--json " + good + " is input " + good},
+        {argsFor("good.wav", {"--name", "{stem}", "--reference-dir", out, "--stems-out", "vocals"}), 3,
+         "reference folder " + out + ": no such folder"},
+        {{good, "-o", (scratch / "mono").string(), "--name", "{stem}", "--reference-dir", (scratch / "mono").string(),
+          "--overwrite"}, 2, "would hold both reference "},
+        {{good, "--stems", "vocals", "--stems-out", "drum,vocals"}, 2,
+         "--stems-out drum: the model is not asked for it (see --stems)"},
         {argsFor("good.wav", {"--reference-dir", (scratch / "short").string()}), 3,
          "short/bass.wav is 17640 frames long, the input 22050: SDR compares sample by sample"},
         {argsFor("good.wav", {"--reference-dir", (scratch / "mono").string()}), 3,

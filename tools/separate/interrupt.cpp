@@ -20,6 +20,9 @@ void installInterruptHandlers() {
     sigemptyset(&action.sa_mask);
     sigaction(SIGINT, &action, nullptr);
     sigaction(SIGTERM, &action, nullptr);
+    // A reader that went away (| head) makes the write fail instead of
+    // killing the run mid-file, so the unfinished files are removed.
+    std::signal(SIGPIPE, SIG_IGN);
 }
 
 void throwIfInterrupted() {

@@ -9,6 +9,7 @@
 #include <soxr.h>
 
 #include <chrono>
+#include <fcntl.h>
 #include <iostream>
 #include <new>
 #include <string>
@@ -16,7 +17,20 @@
 
 using namespace tonwerk::tools;
 
+namespace {
+
+// A closed standard descriptor would be handed out again by the next open()
+// and receive what was meant for the console; /dev/null takes its place.
+void occupyClosedStandardDescriptors() {
+    for (int fd = 0; fd <= 2; ++fd) {
+        if (::fcntl(fd, F_GETFD) == -1) ::open("/dev/null", fd == 0 ? O_RDONLY : O_WRONLY);
+    }
+}
+
+}  // namespace
+
 int main(int argc, char** argv) {
+    occupyClosedStandardDescriptors();
     const auto started = std::chrono::steady_clock::now();
     try {
         const SeparateOptions options = parseSeparateOptions(std::vector<std::string>(argv + 1, argv + argc));

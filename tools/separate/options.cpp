@@ -29,12 +29,12 @@ const char* const separateUsage =
     "  --key KEY            the model file is scrambled with KEY\n"
     "  --stems LIST         comma-separated stems to ask the model for (default: all six, or the\n"
     "                       model stems of --stems-out when that names neither residual nor mix)\n"
-    "  --stems-out LIST     comma-separated stems to write, any of the eight (default: the stems\n"
-    "                       asked for, residual and mix)\n"
+    "  --stems-out LIST     comma-separated stems to write, out of those asked for, residual and\n"
+    "                       mix (default: all of them)\n"
     "  --format F           wav, flac, ogg or mp3 (container), pcm16, pcm24 or float (WAV\n"
     "                       resolution), flac16 or flac24; default: the input's resolution, FLAC\n"
     "                       for FLAC input, 24-bit FLAC for lossy input\n"
-    "  --dither             add triangular dither before rounding to 16 or 24 bits\n"
+    "  --dither             add triangular dither before rounding to 16- or 24-bit stems\n"
     "  --block FRAMES       frames per call into the separator (default: 4096)\n"
     "  --reference-dir DIR  DIR/<stem>.<ext> (any case) hold the true parts of the one INPUT:\n"
     "                       print each stem's SDR\n"
@@ -125,6 +125,11 @@ void checkCombinations(const SeparateOptions& options, int quietCount, int verbo
     if (quietCount > 0 && verboseCount > 0) throw usageError("--quiet and --verbose exclude each other");
     if (existingCount > 1) throw usageError("--skip-existing and --overwrite exclude each other");
     if (options.inputs.empty()) throw usageError("no INPUT given");
+    for (std::size_t i = 0; options.stemsOut && i < modelStemCount; ++i) {
+        if ((*options.stemsOut)[i] && !options.stems[i]) {
+            throw usageError("--stems-out " + stemNames[i] + ": the model is not asked for it (see --stems)");
+        }
+    }
     if (options.dither && options.format && options.format->encoding == Encoding::float32) {
         throw usageError("--dither applies to 16- and 24-bit output, not to --format float");
     }
@@ -173,12 +178,12 @@ SeparateOptions parseSeparateOptions(const std::vector<std::string>& args) {
         setValue(options, arg, value);
     }
     if (options.help || options.version) return options;
-    checkCombinations(options, quietCount, verboseCount, existingCount);
     // Writing only model stems: asking the model for the others changes no written sample.
     if (options.stemsOut && !options.stemsGiven && !(*options.stemsOut)[residualStem] &&
         !(*options.stemsOut)[mixStem]) {
         options.stems = modelStemsOf(*options.stemsOut);
     }
+    checkCombinations(options, quietCount, verboseCount, existingCount);
     return options;
 }
 

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cstdio>
 #include <sndfile.h>
 
 namespace tonwerk::tools {
@@ -157,6 +158,36 @@ std::string describe(const OutputFormat& format) {
     return resolution + " " + containerName(format.container);
 }
 
+namespace {
+
+// A file that swallows what is written, so that libsndfile can be asked to
+// open a format for real (its encoders check more than sf_format_check).
+struct NullFile {
+    sf_count_t length = 0;
+    sf_count_t position = 0;
+};
+
+SF_VIRTUAL_IO nullFileIo() {
+    SF_VIRTUAL_IO io{};
+    io.get_filelen = [](void* data) { return static_cast<NullFile*>(data)->length; };
+    io.seek = [](sf_count_t offset, int whence, void* data) {
+        NullFile& file = *static_cast<NullFile*>(data);
+        file.position = (whence == SEEK_SET ? 0 : whence == SEEK_CUR ? file.position : file.length) + offset;
+        return file.position;
+    };
+    io.read = [](void*, sf_count_t, void*) -> sf_count_t { return 0; };
+    io.write = [](const void*, sf_count_t count, void* data) {
+        NullFile& file = *static_cast<NullFile*>(data);
+        file.position += count;
+        file.length = std::max(file.length, file.position);
+        return count;
+    };
+    io.tell = [](void* data) { return static_cast<NullFile*>(data)->position; };
+    return io;
+}
+
+}  // namespace
+
 void checkWritable(const OutputFormat& format, int sampleRate, int channels) {
     SF_INFO info{};
     info.samplerate = sampleRate;
@@ -166,7 +197,15 @@ void checkWritable(const OutputFormat& format, int sampleRate, int channels) {
     const bool mpegRate = sampleRate == 8000 || sampleRate == 11025 || sampleRate == 12000 || sampleRate == 16000 ||
                           sampleRate == 22050 || sampleRate == 24000 || sampleRate == 32000 || sampleRate == 44100 ||
                           sampleRate == 48000;
-    if (sf_format_check(&info) == 0 || (format.container == Container::mp3 && !mpegRate)) {
+    bool opens = sf_format_check(&info) != 0 && (format.container != Container::mp3 || mpegRate);
+    if (opens) {
+        SF_VIRTUAL_IO io = nullFileIo();
+        NullFile sink;
+        SNDFILE* probe = sf_open_virtual(&io, SFM_WRITE, &info, &sink);
+        opens = probe != nullptr;
+        if (probe != nullptr) sf_close(probe);
+    }
+    if (!opens) {
         throw inputError("this libsndfile cannot write " + describe(format) + " at " + std::to_string(sampleRate) +
                          " Hz");
     }

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <map>
+#include <unistd.h>
 
 namespace tonwerk::tools {
 
@@ -53,13 +54,21 @@ void checkPattern(const std::string& pattern, bool severalInputs) {
     if (pattern.back() == '/') throw usageError("--name must end in a file name");
 }
 
-std::string substitute(std::string pattern, const std::string& input, const std::string& stem) {
-    for (const auto& [key, value] : {std::pair<std::string, std::string>{"{input}", input}, {"{stem}", stem}}) {
-        for (std::size_t at = pattern.find(key); at != std::string::npos; at = pattern.find(key, at + value.size())) {
-            pattern.replace(at, key.size(), value);
+// One pass, so that an input named "a {stem}" stays "a {stem}".
+std::string substitute(const std::string& pattern, const std::string& input, const std::string& stem) {
+    std::string name;
+    for (std::size_t at = 0; at < pattern.size();) {
+        if (pattern.compare(at, 7, "{input}") == 0) {
+            name += input;
+            at += 7;
+        } else if (pattern.compare(at, 6, "{stem}") == 0) {
+            name += stem;
+            at += 6;
+        } else {
+            name += pattern[at++];
         }
     }
-    return pattern;
+    return name;
 }
 
 InputPlan planInput(const fs::path& file, const SeparateOptions& options, const std::string& pattern,
@@ -83,34 +92,46 @@ InputPlan planInput(const fs::path& file, const SeparateOptions& options, const 
     return plan;
 }
 
-// No two stems, and no stem and an input, may share a file.
-void checkDistinct(const std::vector<InputPlan>& plans) {
+// No two stems may share a file, nor a stem or the JSON summary an input
+// or a reference.
+void checkDistinct(const std::vector<InputPlan>& plans, const SeparateOptions& options) {
     std::map<fs::path, std::string> owners;
-    for (const InputPlan& plan : plans) {
+    const auto claim = [&owners](const fs::path& path, const std::string& owner) {
         std::error_code ec;
-        owners.emplace(fs::weakly_canonical(plan.input, ec), "input " + plan.input);
+        const auto [at, added] = owners.emplace(fs::weakly_canonical(path, ec), owner);
+        return added ? std::string() : at->second;
+    };
+    for (const InputPlan& plan : plans) claim(plan.input, "input " + plan.input);
+    std::error_code ec;
+    if (!options.referenceDir.empty() && fs::is_directory(options.referenceDir, ec)) {
+        for (const fs::path& file : audioFilesIn(options.referenceDir)) claim(file, "reference " + file.string());
     }
     for (const InputPlan& plan : plans) {
         for (std::size_t i = 0; i < stemNames.size(); ++i) {
             if (plan.outputs[i].empty()) continue;
-            std::error_code ec;
             const std::string owner = "the " + stemNames[i] + " stem of " + plan.input;
-            const auto [at, added] = owners.emplace(fs::weakly_canonical(plan.outputs[i], ec), owner);
-            if (!added) {
-                throw usageError(plan.outputs[i].string() + " would hold both " + at->second + " and " + owner +
-                                 "; choose a --name that tells them apart");
+            const std::string other = claim(plan.outputs[i], owner);
+            if (!other.empty()) {
+                throw usageError(plan.outputs[i].string() + " would hold both " + other + " and " + owner +
+                                 " (inputs of one name need separate runs with different -o; otherwise choose "
+                                 "another -o or --name)");
             }
         }
+    }
+    if (!options.jsonPath.empty() && options.jsonPath != "-") {
+        const std::string other = claim(options.jsonPath, "the JSON summary");
+        if (!other.empty()) throw usageError("--json " + options.jsonPath + " is " + other);
     }
 }
 
 void applyExistingPolicy(std::vector<InputPlan>& plans, ExistingOutputs policy) {
-    if (policy == ExistingOutputs::overwrite) return;
     for (InputPlan& plan : plans) {
         std::vector<fs::path> existing;
         for (fs::path& output : plan.outputs) {
             std::error_code ec;
             if (output.empty() || !fs::exists(output, ec)) continue;
+            if (fs::is_directory(output, ec)) throw inputError(output.string() + " is a folder, not a stem file");
+            if (policy == ExistingOutputs::overwrite) continue;
             existing.push_back(output);
             if (policy == ExistingOutputs::skip) output.clear();
         }
@@ -128,7 +149,21 @@ void applyExistingPolicy(std::vector<InputPlan>& plans, ExistingOutputs policy) 
 
 }  // namespace
 
+// The summary comes last; its place must not turn out unwritable after all
+// the work. Missing folders are created when it is written.
+void checkJsonDestination(const std::string& path) {
+    if (path.empty() || path == "-") return;
+    std::error_code ec;
+    if (fs::is_directory(path, ec)) throw inputError("cannot write the JSON summary " + path + ": it is a folder");
+    fs::path level = fs::absolute(path).parent_path();
+    while (!fs::exists(level, ec) && level != level.parent_path()) level = level.parent_path();
+    if (!fs::is_directory(level, ec) || ::access(level.c_str(), W_OK) != 0) {
+        throw inputError("cannot write the JSON summary " + path + ": " + level.string() + " is not a writable folder");
+    }
+}
+
 std::vector<InputPlan> planRun(const SeparateOptions& options) {
+    checkJsonDestination(options.jsonPath);
     const InputFiles inputs = expandInputs(options.inputs);
     if (inputs.several && !options.referenceDir.empty()) {
         throw usageError("--reference-dir holds the parts of one song: give one INPUT file with it");
@@ -140,7 +175,7 @@ std::vector<InputPlan> planRun(const SeparateOptions& options) {
 
     std::vector<InputPlan> plans;
     for (const fs::path& file : inputs.files) plans.push_back(planInput(file, options, pattern, patternContainer));
-    checkDistinct(plans);
+    checkDistinct(plans, options);
     applyExistingPolicy(plans, options.existing);
     return plans;
 }

@@ -24,7 +24,8 @@ struct InputPlan {
 };
 
 // Throws usageError for a malformed --name, names that collide or a
-// --reference-dir with several inputs; inputError for inputs that are
+// --reference-dir with several inputs; inputError for a --json file whose
+// folder does not exist, for inputs that are
 // missing, unreadable or have more than two channels, for formats the
 // installed libsndfile cannot write, and for existing stem files unless
 // --overwrite or --skip-existing say what to do with them. --skip-existing

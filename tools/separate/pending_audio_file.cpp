@@ -30,7 +30,11 @@ PendingAudioFile::PendingAudioFile(fs::path finalPath, int sampleRate, int chann
     info.format = sndfileFormat(format);
     file_ = sf_open(tempPath_.c_str(), SFM_WRITE, &info);
     if (file_ == nullptr) {
-        throw inputError("cannot write " + finalPath_.string() + ": " + oneLine(sf_strerror(nullptr)));
+        const std::string reason = oneLine(sf_strerror(nullptr));
+        std::error_code ignored;
+        fs::remove(tempPath_, ignored);  // libsndfile may have created it before refusing the format
+        throw inputError("cannot write " + finalPath_.string() + " as " + describe(format) + " at " +
+                         std::to_string(sampleRate) + " Hz: " + reason);
     }
     if (isInteger(format.encoding)) quantizer_.emplace(bitsOf(format.encoding), dither, ditherSeed);
     if (lossy_) {

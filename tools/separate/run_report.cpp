@@ -29,9 +29,34 @@ double realTimeFactor(double audioSeconds, double wallSeconds) {
     return wallSeconds > 0 ? audioSeconds / wallSeconds : 0.0;
 }
 
+// Length of the well-formed UTF-8 sequence at `at`, or 0.
+std::size_t utf8Length(const std::string& text, std::size_t at) {
+    const auto byte = [&text](std::size_t i) { return static_cast<unsigned char>(text[i]); };
+    const unsigned char lead = byte(at);
+    const std::size_t length = lead < 0x80           ? 1
+                               : (lead >> 5) == 0x6  ? 2
+                               : (lead >> 4) == 0xE  ? 3
+                               : (lead >> 3) == 0x1E ? 4
+                                                     : 0;
+    if (length == 0 || at + length > text.size() || (length == 2 && lead < 0xC2)) return 0;
+    for (std::size_t i = 1; i < length; ++i) {
+        if ((byte(at + i) & 0xC0) != 0x80) return 0;
+    }
+    return length;
+}
+
+// File names are bytes; JSON strings are Unicode, so a byte that is not
+// part of valid UTF-8 becomes U+FFFD.
 std::string jsonString(const std::string& text) {
     std::string quoted = "\"";
-    for (const unsigned char c : text) {
+    for (std::size_t at = 0; at < text.size();) {
+        const std::size_t length = utf8Length(text, at);
+        if (length != 1) {
+            quoted += length == 0 ? "\\ufffd" : text.substr(at, length);
+            at += length == 0 ? 1 : length;
+            continue;
+        }
+        const unsigned char c = static_cast<unsigned char>(text[at++]);
         if (c == '"' || c == '\\') {
             quoted += '\\';
             quoted += static_cast<char>(c);

@@ -112,8 +112,13 @@ std::string commonFolder(const std::vector<fs::path>& folders) {
 
 std::string progressLabel(const InputPlan& plan, std::size_t index, std::size_t count) {
     if (count == 1) return {};
+    // Short enough for the whole line to fit 80 columns; cut between characters.
     std::string name = fs::path(plan.input).filename().string();
-    if (name.size() > 40) name = name.substr(0, 37) + "...";
+    if (name.size() > 16) {
+        std::size_t cut = 13;
+        while (cut > 0 && (static_cast<unsigned char>(name[cut]) & 0xC0) == 0x80) --cut;
+        name = name.substr(0, cut) + "...";
+    }
     return "[" + std::to_string(index + 1) + "/" + std::to_string(count) + "] " + name + " ";
 }
 
@@ -165,11 +170,19 @@ InputReport separateInput(const InputPlan& plan, const SeparateOptions& options,
     return reportOf(plan, input, folderList, stems);
 }
 
+// A summary nobody received is a failure (a full disk, a closed pipe).
+void checkWritten(std::ostream& out) {
+    if (!(out << std::flush)) throw inputError("cannot write the summary to standard output");
+}
+
 void writeJson(const std::string& path, const std::string& json, Console& console) {
     if (path == "-") {
         console.out() << json << std::flush;
         return;
     }
+    const fs::path folder = fs::path(path).parent_path();
+    std::error_code ec;
+    if (!folder.empty()) fs::create_directories(folder, ec);
     writeFileBytes(path, std::vector<unsigned char>(json.begin(), json.end()));
 }
 
@@ -196,13 +209,14 @@ int runSeparateCommand(const SeparateOptions& options, Clock::time_point started
             separateInput(plans[i], options, model, console, progressLabel(plans[i], i, plans.size()));
         report.wallSeconds = std::chrono::duration<double>(Clock::now() - inputStarted).count();
         if (textSummary) printInputSummary(console.out() << (separatedAny ? "\n" : ""), report);
-        console.out() << std::flush;
+        checkWritten(console.out());
         separatedAny = true;
         run.inputs.push_back(std::move(report));
     }
     run.wallSeconds = std::chrono::duration<double>(Clock::now() - started).count();
     if (textSummary && plans.size() > 1) printRunTotals(console.out(), run);
     if (!options.jsonPath.empty()) writeJson(options.jsonPath, runReportJson(run), console);
+    checkWritten(console.out());
     return exitOk;
 }
 

@@ -1,5 +1,6 @@
 #include "api/inference_context_impl.h"
 #include "api/model_scrambling.h"
+#include "api/stream_layout.h"
 
 #include <string>
 #include <vector>
@@ -7,20 +8,14 @@
 namespace tonwerk {
 namespace {
 
-// Output order of the configuration bits and of a processor's result.
-std::vector<std::string> stemOutputNames() {
-    return {"vocals_output",          "drum_output",           "piano_output",
-            "acoustic_guitar_output", "electric_guitar_output", "bass_output"};
-}
-
 std::shared_ptr<IInference> loadBackend(const ModelData& modelData) {
     const auto size = static_cast<std::size_t>(modelData.size);
     if (modelData.key.empty()) {
-        return makeInferenceBackend(modelData.data, size, {}, stemOutputNames(), "");
+        return makeInferenceBackend(modelData.data, size, {}, layout::stemOutputNames(), "");
     }
     // The plain copy lives only as long as loading takes.
     const UnscrambledModel plain(modelData.data, size, modelData.key);
-    return makeInferenceBackend(plain.data(), plain.size(), {}, stemOutputNames(), "");
+    return makeInferenceBackend(plain.data(), plain.size(), {}, layout::stemOutputNames(), "");
 }
 
 }  // namespace

@@ -51,9 +51,7 @@ void BufferAggregator::push(const xt::xarray<float>& chunk) {
     }
     const std::size_t n = chunk.shape()[rank - 1];
     const std::size_t size = capacity();
-    if (size - length < n) {
-        throw std::runtime_error("Buffer overflow: cannot accept chunk of size " + std::to_string(n));
-    }
+    requireRoom(n);
     const std::size_t rows = static_cast<std::size_t>(batch);
     const std::size_t channels = buffer.shape()[1];
     const std::size_t chunkChannels = chunk.shape()[rank - 2];
@@ -77,6 +75,29 @@ void BufferAggregator::push(const xt::xarray<float>& chunk) {
         }
     }
     length += n;
+}
+
+void BufferAggregator::pushFrames(const float* data, std::size_t frames, std::size_t channelStride,
+                                  std::size_t sampleStride) {
+    requireRoom(frames);
+    const std::size_t size = capacity();
+    const std::size_t rows = static_cast<std::size_t>(batch) * buffer.shape()[1];
+    const std::size_t channels = buffer.shape()[1];
+    const std::size_t write = (start + length) % size;
+    const std::size_t first = std::min(frames, size - write);
+    for (std::size_t row = 0; row < rows; ++row) {
+        const float* source = data + (row % channels) * channelStride;
+        float* ring = buffer.data() + row * size;
+        for (std::size_t i = 0; i < first; ++i) ring[write + i] = source[i * sampleStride];
+        for (std::size_t i = first; i < frames; ++i) ring[i - first] = source[i * sampleStride];
+    }
+    length += frames;
+}
+
+void BufferAggregator::requireRoom(std::size_t n) const {
+    if (capacity() - length < n) {
+        throw std::runtime_error("Buffer overflow: cannot accept chunk of size " + std::to_string(n));
+    }
 }
 
 xt::xarray<float> BufferAggregator::get(std::size_t requested, std::size_t keep) {

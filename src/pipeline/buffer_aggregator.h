@@ -19,6 +19,12 @@ public:
     // when it does not fit; the buffer is then unchanged.
     void push(const xt::xarray<float>& chunk);
 
+    // push() of `frames` samples per channel read straight from the caller's
+    // layout: sample i of channel c is data[c * channelStride + i *
+    // sampleStride] (interleaved input: 1 and the channel count; planar
+    // input: the row length and 1). Every batch entry gets the same samples.
+    void pushFrames(const float* data, std::size_t frames, std::size_t channelStride, std::size_t sampleStride);
+
     // Copies out the oldest `requested` samples (all when 0) and discards all
     // but the newest `keep` of them. Logs a warning and returns a
     // dimensionless array when that many are not held.
@@ -38,6 +44,8 @@ public:
     std::size_t capacity() const { return buffer.shape()[2]; }
 
 private:
+    // Throws the overflow error when `n` more samples do not fit.
+    void requireRoom(std::size_t n) const;
     void copyOut(std::size_t n, xt::xarray<float>& target) const;
 
     xt::xarray<float> buffer;

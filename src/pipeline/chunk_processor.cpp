@@ -89,7 +89,6 @@ ChunkProcessor::ChunkProcessor(std::shared_ptr<IInference> inference, std::size_
         synthesizers.push_back(std::make_unique<OverlapAddSynthesizer>(channels, fftSize, hop, window));
     }
     buffer = std::make_unique<BufferAggregator>(channels, 2 * readyThreshold(), 1);
-    frameScratch = xt::xtensor<float, 2>::from_shape({channels, fftSize});
 }
 
 std::size_t ChunkProcessor::readyThreshold() const {
@@ -100,6 +99,18 @@ const xt::xarray<float>& ChunkProcessor::process(const xt::xarray<float>& input,
     TW_LOG(debug, "ChunkProcessor::process")
         << "ChunkProcessor::process input shape: " << shapeText(input) << ", eof: " << eof;
     buffer->push(input);
+    return afterPush(eof);
+}
+
+const xt::xarray<float>& ChunkProcessor::process(const float* input, std::size_t frames, std::size_t channelStride,
+                                                 std::size_t sampleStride, bool eof) {
+    TW_LOG(debug, "ChunkProcessor::process")
+        << "ChunkProcessor::process input shape: " << channels << "x" << frames << ", eof: " << eof;
+    buffer->pushFrames(input, frames, channelStride, sampleStride);
+    return afterPush(eof);
+}
+
+const xt::xarray<float>& ChunkProcessor::afterPush(bool eof) {
     if (eof) {
         return processEndOfStream();
     }
@@ -182,22 +193,25 @@ const xt::xarray<float>& ChunkProcessor::flushStream() {
 
 const xt::xarray<float>& ChunkProcessor::separate(const xt::xarray<float>& unpadded, std::size_t eofPad,
                                                   bool eof) {
-    std::size_t frontPad = 0;
+    if (!firstChunk) {
+        return separatePadded(unpadded, 0, eofPad, eof);
+    }
     // Only the stream's first chunk is padded at the front, once per stream.
-    xt::xarray<float> padded;
-    if (firstChunk) {
-        const std::size_t length = unpadded.shape()[1];
-        frontPad = length == 0 ? 0 : std::min(length - 1, fftSize);
-        padded = padFront(unpadded, frontPad);
-        firstChunk = false;
-        if (log::enabled(log::Severity::info)) {
-            const float peak = peakMagnitude(padded);
-            if (peak > 1.1F) {
-                TW_LOG(info, "ChunkProcessor::process") << "MAX2: " << peak;
-            }
+    const std::size_t length = unpadded.shape()[1];
+    const std::size_t frontPad = length == 0 ? 0 : std::min(length - 1, fftSize);
+    const xt::xarray<float> padded = padFront(unpadded, frontPad);
+    firstChunk = false;
+    if (log::enabled(log::Severity::info)) {
+        const float peak = peakMagnitude(padded);
+        if (peak > 1.1F) {
+            TW_LOG(info, "ChunkProcessor::process") << "MAX2: " << peak;
         }
     }
-    const xt::xarray<float>& data = padded.dimension() == 0 ? unpadded : padded;
+    return separatePadded(padded, frontPad, eofPad, eof);
+}
+
+const xt::xarray<float>& ChunkProcessor::separatePadded(const xt::xarray<float>& data, std::size_t frontPad,
+                                                        std::size_t eofPad, bool eof) {
     TW_LOG(debug, "ChunkProcessor::process") << "Data prepared for preprocessing, shape: " << shapeText(data);
 
     // After the first chunk, the frame starting at the chunk's first sample
@@ -263,8 +277,12 @@ void ChunkProcessor::assemble(const PreProcessor::FrameRange& frames, const xt::
     for (std::size_t f = 0; f < frameCount; ++f) {
         std::size_t written = 0;
         for (std::size_t s = 0; s < stemCount; ++s) {
-            preProcessor_->packFrame(s, frames.first + f, frameScratch);
-            written = synthesizeInto(*synthesizers[s], pos, lead, stemEnd, result.data() + s * channels * length,
+            OverlapAddSynthesizer& synthesizer = *synthesizers[s];
+            const bool silent = preProcessor_->frameSilent(s, frames.first + f);
+            if (!silent) {
+                preProcessor_->packFrameInto(s, frames.first + f, synthesizer.stagedFrame());
+            }
+            written = synthesizeInto(synthesizer, silent, pos, lead, stemEnd, result.data() + s * channels * length,
                                      length);
         }
         pos += written;
@@ -289,7 +307,8 @@ void ChunkProcessor::zeroFrom(std::size_t stemRows, std::size_t stemEnd, std::si
     }
 }
 
-std::size_t ChunkProcessor::synthesizeInto(OverlapAddSynthesizer& synthesizer, std::size_t pos, std::size_t lead,
+std::size_t ChunkProcessor::synthesizeInto(OverlapAddSynthesizer& synthesizer, bool silent, std::size_t pos,
+                                           std::size_t lead,
                                            std::size_t stemEnd, float* stemRows, std::size_t rowLength) {
     // Of the samples this frame completes, [pos, pos + hop) untrimmed, only
     // those at [lead, lead + stemEnd) are kept; they land at their place
@@ -297,7 +316,7 @@ std::size_t ChunkProcessor::synthesizeInto(OverlapAddSynthesizer& synthesizer, s
     const std::size_t begin = std::max(pos, lead);
     const std::size_t end = std::max(begin, std::min(pos + hop, lead + stemEnd));
     float* target = begin < end ? stemRows + (begin - lead) : stemRows;
-    return synthesizer.processFrameInto(frameScratch, target, rowLength, begin - pos, end - pos);
+    return synthesizer.processStagedFrame(silent, target, rowLength, begin - pos, end - pos);
 }
 
 }  // namespace tonwerk

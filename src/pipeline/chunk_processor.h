@@ -33,10 +33,17 @@ public:
     // reused rather than allocated and faulted in afresh for every chunk.
     const xt::xarray<float>& process(const xt::xarray<float>& input, bool eof);
 
+    // process() on `frames` samples per channel read in the caller's layout
+    // (see BufferAggregator::pushFrames), without an intermediate array.
+    const xt::xarray<float>& process(const float* input, std::size_t frames, std::size_t channelStride,
+                                     std::size_t sampleStride, bool eof);
+
     const PreProcessor& preProcessor() const { return *preProcessor_; }
     std::size_t transformLength() const { return fftSize; }
 
 private:
+    // What follows the push: a chunk when enough is held, the rest at eof.
+    const xt::xarray<float>& afterPush(bool eof);
     // Samples that must be buffered before a chunk is separated: the chunk
     // length less the two frames' worth that the stream's padding supplies.
     std::size_t readyThreshold() const;
@@ -50,16 +57,19 @@ private:
     // applied at eof) and lays out its stems and the aligned mixture in
     // `result`.
     const xt::xarray<float>& separate(const xt::xarray<float>& data, std::size_t eofPad, bool eof);
+    // separate() once the front padding, if any, is in place.
+    const xt::xarray<float>& separatePadded(const xt::xarray<float>& data, std::size_t frontPad,
+                                            std::size_t eofPad, bool eof);
     std::string framesShape(const PreProcessor::FrameRange& frames) const;
     std::size_t resultLength(std::size_t produced, std::size_t lead, std::size_t eofPad, bool eof) const;
     void assemble(const PreProcessor::FrameRange& frames, const xt::xarray<float>& data, std::size_t frontPad,
                   std::size_t eofPad, bool eof);
     void zeroFrom(std::size_t stemRows, std::size_t stemEnd, std::size_t mixEnd);
-    // Runs the frame in frameScratch through a stem's synthesizer, writing
-    // the part of its output at untrimmed position `pos` that survives the
+    // Runs the frame staged in a stem's synthesizer through it, writing the
+    // part of its output at untrimmed position `pos` that survives the
     // lead-in cut and the end trim straight into the stem's rows. Returns
     // how many samples the frame completed.
-    std::size_t synthesizeInto(OverlapAddSynthesizer& synthesizer, std::size_t pos, std::size_t lead,
+    std::size_t synthesizeInto(OverlapAddSynthesizer& synthesizer, bool silent, std::size_t pos, std::size_t lead,
                                std::size_t stemEnd, float* stemRows, std::size_t rowLength);
 
     std::size_t channels;
@@ -73,8 +83,6 @@ private:
     std::unique_ptr<BufferAggregator> buffer;
     bool firstChunk = true;
     bool firstResult = true;
-    // One frame of one stem, {channels, fftSize}, reused for every frame.
-    xt::xtensor<float, 2> frameScratch;
     // The chunk taken out of the buffer and the separated result,
     // {stemCount + 1, channels, m}: a few MB each, so they are kept between
     // chunks instead of being handed back to the system every time.

@@ -89,6 +89,17 @@ void PFFFTTransformer::transformRow(const float* source, std::size_t inWidth, fl
     transformCheckedRow(source, inWidth, target, rowOutputWidth(inWidth, forwardDirection), forwardDirection);
 }
 
+void PFFFTTransformer::transformAlignedRow(float* row, float* work, bool forwardDirection) {
+    if (padNyquist) {
+        throw std::invalid_argument("PFFFTTransformer: in-place rows need a transformer without Nyquist padding");
+    }
+    rowOutputWidth(size, forwardDirection);
+    pffft_transform_ordered(setup, row, row, work, forwardDirection ? PFFFT_FORWARD : PFFFT_BACKWARD);
+    if (forwardDirection) {
+        row[1] = 0.0f;
+    }
+}
+
 void PFFFTTransformer::transformCheckedRow(const float* source, std::size_t inWidth, float* target,
                                            std::size_t outWidth, bool forwardDirection) {
     const std::size_t copyIn = std::min<std::size_t>(inWidth, size);

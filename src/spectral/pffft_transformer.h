@@ -35,6 +35,12 @@ public:
     // caller divides each value by N. `source` and `target` may be the same.
     void transformRow(const float* source, std::size_t inWidth, float* target, bool forwardDirection);
 
+    // transformRow for callers that keep their rows in AlignedFloats: the
+    // full-width `row` is transformed in place, without the two copies
+    // through scratch; `work` (size values, aligned) is PFFFT's own scratch.
+    // Throws std::invalid_argument where rowOutputWidth(size) would.
+    void transformAlignedRow(float* row, float* work, bool forwardDirection);
+
 private:
     xt::xtensor<float, 2> transform(const xt::xtensor<float, 2>& input, bool forwardDirection);
     // transformRow once the widths are known to be valid.

@@ -1,5 +1,6 @@
 #include "spectral/pre_processor.h"
 
+#include "common/fresh_pages.h"
 #include "common/logging.h"
 #include "common/shape_text.h"
 #include "spectral/frame_checks.h"
@@ -14,6 +15,30 @@
 #include <string>
 
 namespace tonwerk {
+namespace {
+
+// True when every value is +0 or -0. Blocks of a fixed length OR their bits
+// together (a loop the compiler turns into vector code); sound is usually
+// found in the first block, silence costs one pass at memory speed.
+bool allZeros(const float* values, std::uint64_t count) {
+    constexpr std::uint64_t kBlock = 64;
+    std::uint64_t at = 0;
+    for (; at + kBlock <= count; at += kBlock) {
+        std::uint32_t bits[kBlock];
+        std::memcpy(bits, values + at, sizeof bits);
+        std::uint32_t any = 0;
+        for (const std::uint32_t b : bits) any |= b;
+        if ((any & 0x7FFFFFFFU) != 0) return false;
+    }
+    for (; at < count; ++at) {
+        std::uint32_t b = 0;
+        std::memcpy(&b, values + at, sizeof b);
+        if ((b & 0x7FFFFFFFU) != 0) return false;
+    }
+    return true;
+}
+
+}  // namespace
 
 PreProcessor::PreProcessor(std::uint64_t channelCount, std::uint64_t fftSize, std::uint64_t hopSize,
                            std::vector<float> analysisWindow, std::shared_ptr<IInference> inference,
@@ -26,15 +51,20 @@ PreProcessor::PreProcessor(std::uint64_t channelCount, std::uint64_t fftSize, st
       inference(std::move(inference)),
       fft(fftSize, false),
       frameCount(frameCount),
-      keepEdgeFrames(keepEdgeFrames) {
+      keepEdgeFrames(keepEdgeFrames),
+      frameScratch(fftSize),
+      fftWork(fftSize) {
     requireNonZeroHop(hopSize, "PreProcessor");
     requireWindowLength(this->window.size(), fftSize, "PreProcessor");
-    spectrogram = xt::zeros<float>({2 * channelCount, frameCount, fftSize / 2});
+    // Tens of MB that the first model run writes in full: mapped in one
+    // request each rather than page by page.
+    spectrogram = xt::xtensor<float, 3>::from_shape({2 * channelCount, frameCount, fftSize / 2});
+    prepareForWriting(spectrogram.data(), spectrogram.size() * sizeof(float));
+    std::fill(spectrogram.begin(), spectrogram.end(), 0.0F);
     // The model overwrites every output completely, so its buffers and the
     // framing scratch are made once and reused by every call.
     modelOutputs = xt::xtensor<float, 4>::from_shape({outputCount, 2 * channelCount, frameCount, fftSize / 2});
-    frameScratch = xt::xtensor<float, 2>::from_shape({channelCount, fftSize});
-    spectrumScratch = xt::xtensor<float, 1>::from_shape({fftSize});
+    prepareForWriting(modelOutputs.data(), modelOutputs.size() * sizeof(float));
 }
 
 std::uint64_t PreProcessor::maxInputLength() const {
@@ -150,16 +180,13 @@ void PreProcessor::writeNewFrames(const float* first, std::uint64_t rowStride, s
     for (std::uint64_t f = 0; f < newFrames; ++f, end -= hopSize, --slot) {
         for (std::uint64_t c = 0; c < channelCount; ++c) {
             const float* src = first + c * rowStride + (end - fftSize);
-            float* dst = frameScratch.data() + c * fftSize;
+            float* row = frameScratch.data();
             for (std::uint64_t i = 0; i < fftSize; ++i) {
-                dst[i] = src[i] * win[i];
+                row[i] = src[i] * win[i];
             }
-        }
-        for (std::uint64_t c = 0; c < channelCount; ++c) {
-            // Transformed row by row into scratch: this runs for every new
-            // frame, so nothing is allocated here.
-            fft.transformRow(frameScratch.data() + c * fftSize, fftSize, spectrumScratch.data(), true);
-            const float* row = spectrumScratch.data();
+            // Transformed in place: this runs for every new frame, so
+            // nothing is allocated or copied here.
+            fft.transformAlignedRow(row, fftWork.data(), true);
             float* re = spectrogram.data() + ((2 * c) * frameCount + slot) * bins;
             float* im = spectrogram.data() + ((2 * c + 1) * frameCount + slot) * bins;
             for (std::uint64_t k = 0; k < bins; ++k) {
@@ -170,16 +197,29 @@ void PreProcessor::writeNewFrames(const float* first, std::uint64_t rowStride, s
     }
 }
 
-void PreProcessor::packInto(std::uint64_t output, std::uint64_t channel, std::uint64_t slot, float* dst) const {
+const float* PreProcessor::outputPlane(std::uint64_t output, std::uint64_t plane, std::uint64_t slot) const {
     const std::uint64_t bins = fftSize / 2;
     const std::uint64_t planeSize = frameCount * bins;
-    const float* planes = modelOutputs.data() + output * 2 * channelCount * planeSize;
-    const float* re = planes + (2 * channel) * planeSize + slot * bins;
-    const float* im = planes + (2 * channel + 1) * planeSize + slot * bins;
+    return modelOutputs.data() + (output * 2 * channelCount + plane) * planeSize + slot * bins;
+}
+
+void PreProcessor::packInto(std::uint64_t output, std::uint64_t channel, std::uint64_t slot, float* dst) const {
+    const std::uint64_t bins = fftSize / 2;
+    const float* re = outputPlane(output, 2 * channel, slot);
+    const float* im = outputPlane(output, 2 * channel + 1, slot);
     for (std::uint64_t k = 0; k < bins; ++k) {
         dst[2 * k] = re[k];
         dst[2 * k + 1] = im[k];
     }
+}
+
+bool PreProcessor::frameSilent(std::uint64_t output, std::uint64_t slot) const {
+    for (std::uint64_t plane = 0; plane < 2 * channelCount; ++plane) {
+        if (!allZeros(outputPlane(output, plane, slot), fftSize / 2)) {
+            return false;
+        }
+    }
+    return true;
 }
 
 void PreProcessor::packFrame(std::uint64_t output, std::uint64_t slot, xt::xtensor<float, 2>& frame) const {
@@ -188,8 +228,12 @@ void PreProcessor::packFrame(std::uint64_t output, std::uint64_t slot, xt::xtens
         throw std::invalid_argument("PreProcessor::packFrame: no frame " + std::to_string(slot) + " of output " +
                                     std::to_string(output) + " fits the given array");
     }
+    packFrameInto(output, slot, frame.data());
+}
+
+void PreProcessor::packFrameInto(std::uint64_t output, std::uint64_t slot, float* frame) const {
     for (std::uint64_t c = 0; c < channelCount; ++c) {
-        packInto(output, c, slot, frame.data() + c * fftSize);
+        packInto(output, c, slot, frame + c * fftSize);
     }
 }
 

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "inference/inference.h"
+#include "spectral/aligned_floats.h"
 #include "spectral/pffft_transformer.h"
 
 #include <xtensor/xarray.hpp>
@@ -49,6 +50,11 @@ public:
     // Frame `slot` of model output `output` for every channel, packed as the
     // inverse transform reads it, into `frame` ({channels, fftSize}).
     void packFrame(std::uint64_t output, std::uint64_t slot, xt::xtensor<float, 2>& frame) const;
+    // The same into `frame`, channel c at frame + c * fftSize, unchecked.
+    void packFrameInto(std::uint64_t output, std::uint64_t slot, float* frame) const;
+    // True when every value of that frame is +0 or -0: the model left it
+    // silent (as it leaves stems that are not selected).
+    bool frameSilent(std::uint64_t output, std::uint64_t slot) const;
 
     // Longest input whose frames fit together with the held edge frames.
     std::uint64_t maxInputLength() const;
@@ -71,6 +77,9 @@ private:
     void packFramesInto(std::uint64_t firstSlot, std::uint64_t lastSlot, xt::xarray<float>& packed) const;
     // One channel's frame at `slot` of output `output`, interleaved into `dst`.
     void packInto(std::uint64_t output, std::uint64_t channel, std::uint64_t slot, float* dst) const;
+    // Plane `plane` (real and imaginary part of each channel in turn) of
+    // model output `output`, from frame `slot` on.
+    const float* outputPlane(std::uint64_t output, std::uint64_t plane, std::uint64_t slot) const;
 
     std::uint64_t channelCount;
     std::uint64_t fftSize;
@@ -90,10 +99,9 @@ private:
     // {outputCount, 2 * channels, frameCount, fftSize / 2}: the model writes
     // every element of every output on each run.
     xt::xtensor<float, 4> modelOutputs;
-    // One windowed frame of every channel, {channels, fftSize}.
-    xt::xtensor<float, 2> frameScratch;
-    // One channel's spectrum of that frame, fftSize values.
-    xt::xtensor<float, 1> spectrumScratch;
+    // One windowed frame of one channel, transformed in place.
+    AlignedFloats frameScratch;
+    AlignedFloats fftWork;
 };
 
 }  // namespace tonwerk

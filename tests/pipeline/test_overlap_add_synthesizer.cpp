@@ -1,4 +1,5 @@
 #include "pipeline/overlap_add_synthesizer.h"
+#include "pipeline/shift_array.h"
 #include "spectral/window.h"
 
 #include <gtest/gtest.h>
@@ -6,7 +7,9 @@
 #include <xtensor/xrandom.hpp>
 #include <xtensor/xview.hpp>
 
+#include <cstring>
 #include <stdexcept>
+#include <tuple>
 
 namespace tonwerk {
 namespace {
@@ -88,6 +91,75 @@ TEST(OverlapAddSynthesizer, TailAndBatchesDoNotDisturbTheStream) {
     EXPECT_EQ(three.process(xt::xarray<float>::from_shape({3, kN, 0})).shape(), (std::vector<std::size_t>{2, 0}));
     EXPECT_THROW(three.process(xt::zeros<float>({std::size_t{3}, kN, std::size_t{1}})), std::invalid_argument);
 }
+
+// The overlap-add written out as plainly as possible: linear accumulators
+// moved left by shiftArray after every frame.
+class ShiftingReference {
+public:
+    ShiftingReference(std::size_t n, std::size_t hop, const std::vector<float>& window)
+        : n(n), hop(hop), window(window), fft(n, false), acc(xt::zeros<float>({std::size_t{2}, n})),
+          sum(xt::zeros<float>({n})) {}
+
+    Rows process(const Rows& frame) {
+        const Rows t = fft.inverse(frame);
+        for (std::size_t i = 0; i < n; ++i) {
+            for (std::size_t c = 0; c < 2; ++c) acc(c, i) = t(c, i) * window[i] + acc(c, i);
+            sum(i) += window[i] * window[i];
+        }
+        const std::size_t h = std::min(hop, n);
+        Rows out({2, h});
+        for (std::size_t c = 0; c < 2; ++c) {
+            for (std::size_t i = 0; i < h; ++i) out(c, i) = acc(c, i) / sum(i);
+        }
+        shiftArray(acc, hop);
+        shiftArray(sum, hop);
+        return out;
+    }
+
+private:
+    std::size_t n;
+    std::size_t hop;
+    std::vector<float> window;
+    PFFFTTransformer fft;
+    Rows acc;
+    xt::xtensor<float, 1> sum;
+};
+
+bool sameBits(const Rows& a, const Rows& b) {
+    return a.shape() == b.shape() && std::memcmp(a.data(), b.data(), a.size() * sizeof(float)) == 0;
+}
+
+// The ring, the settled window sums and the skipped silent frames must give
+// every bit the plain shifting form gives, signs of zeros included: sound,
+// silence long enough for the ring to empty, sound again; with a hop that
+// divides the frame, one that does not, and one longer than the frame.
+class SynthesizerExactness : public ::testing::TestWithParam<std::tuple<std::size_t, std::size_t>> {};
+
+TEST_P(SynthesizerExactness, MatchesTheShiftingFormBitForBit) {
+    const auto [n, hop] = GetParam();
+    const std::vector<float> window = makeWindow(Blackman, static_cast<std::int32_t>(n));
+    ShiftingReference reference(n, hop, window);
+    OverlapAddSynthesizer ring(2, n, hop, window);
+    OverlapAddSynthesizer staged(2, n, hop, window);
+    Rows silence = xt::zeros<float>({std::size_t{2}, n});
+    silence(1, 3) = -0.0F;  // a model may leave negative zeros
+    const std::string plan = "sss" + std::string(2 * n / std::max<std::size_t>(hop, 1) + 2, '0') + "ss0s";
+    for (std::size_t k = 0; k < plan.size(); ++k) {
+        xt::random::seed(static_cast<unsigned>(100 + k));
+        const Rows frame = plan[k] == 's' ? Rows(xt::random::rand<float>({std::size_t{2}, n}, -1.0F, 1.0F)) : silence;
+        const Rows expected = reference.process(frame);
+        ASSERT_TRUE(sameBits(ring.processFrame(frame), expected)) << "frame " << k;
+        std::copy(frame.begin(), frame.end(), staged.stagedFrame());
+        Rows out({2, expected.shape()[1]});
+        staged.processStagedFrame(plan[k] == '0', out.data(), out.shape()[1], 0, out.shape()[1]);
+        ASSERT_TRUE(sameBits(out, expected)) << "staged frame " << k;
+    }
+    EXPECT_TRUE(sameBits(ring.tail(), staged.tail()));
+}
+
+INSTANTIATE_TEST_SUITE_P(FrameAndHop, SynthesizerExactness,
+                         ::testing::Values(std::make_tuple(kN, kHop), std::make_tuple(std::size_t{64}, std::size_t{24}),
+                                           std::make_tuple(std::size_t{64}, std::size_t{100})));
 
 }  // namespace
 }  // namespace tonwerk

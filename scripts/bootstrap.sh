@@ -12,7 +12,7 @@ ORT_NODE_PKG=onnxruntime-node@1.30.0
 ORT_HEADERS_PKG=com.github.asus4.onnxruntime@0.4.9
 PFFFT_PKG=@echogarden/pffft-wasm@0.4.2
 DEBIAN_PACKAGES=(
-  g++ cmake make pkg-config binutils
+  g++ libtsan2 cmake make pkg-config binutils
   libxtensor-dev xtl-dev libspdlog-dev libfmt-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   libsndfile1-dev libsoxr-dev

@@ -34,10 +34,11 @@
  * Threading: the library starts no thread. One processor must be used by one
  * thread at a time, and processors of one context share one model session,
  * so their tw_processor_create and tw_processor_process calls must not
- * overlap. Different contexts may be used on different threads at once,
- * with one exception: the first context created while no logger exists sets
- * up logging and tears it down when its model is freed, so free that context
- * last (or while no other thread is inside the library).
+ * overlap. Different contexts may be created, used and freed on different
+ * threads at once. The first context created while no logger exists sets up
+ * logging and tears it down when its model is freed; records other threads
+ * are printing then are finished first, and nothing is printed afterwards
+ * until another context is created.
  *
  * Logging: the library writes its warnings and errors as text lines to the
  * process's standard output (for example that a GPU execution provider could

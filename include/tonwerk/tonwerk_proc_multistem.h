@@ -30,12 +30,15 @@
 // it can live in standard containers. Copy assignment is shallow and has
 // sharp edges: read its comment before using it. InferenceContext moves only.
 //
-// Threading: the library starts no thread and takes no lock. One processor
-// must be used by one thread at a time. Processors built on the same context
-// share one model session, so their process() calls must not overlap.
-// Contexts are independent of each other, except that the first context
-// constructed while no logger exists sets up logging (standard output,
-// threshold warning) and tears it down when it is destroyed.
+// Threading: the library starts no thread; its only lock is held while a log
+// record is printed. One processor must be used by one thread at a time.
+// Processors built on the same context share one model session, so their
+// process() calls must not overlap. Contexts are independent of each other
+// and may be built, used and destroyed on different threads at once, except
+// that the first context constructed while no logger exists sets up logging
+// (standard output, threshold warning) and tears it down when it is
+// destroyed: records other threads are printing at that moment are finished
+// first, and nothing is printed afterwards until another context is built.
 //
 // Units: samples are 32-bit floats at the model's rate (44100 Hz); sizes
 // returned by maxInputSize() are frames (samples per channel).
@@ -181,6 +184,11 @@ public:
     // two channels of equal length: vocals, drum, piano, acoustic_guitar,
     // electric_guitar, bass, residual (mixture minus the six), mix (the six
     // summed). `eof` flushes the stream; a processor serves one stream.
+    // Past the end: `eof` with nothing buffered (at the start, or twice)
+    // returns nothing; audio given after the end is streamed on as if it
+    // directly followed the flushed stream, with every stem as long as the
+    // new audio but its first 4096 frames overlapped with the old stream's
+    // last frames. Start a new stream with a new processor.
     std::vector<std::vector<float>> process(const std::vector<float>& input, bool eof);
 
 private:

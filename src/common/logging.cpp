@@ -1,6 +1,7 @@
 #include "common/logging.h"
 
 #include <spdlog/details/log_msg.h>
+#include <spdlog/details/null_mutex.h>
 #include <spdlog/details/os.h>
 #include <spdlog/formatter.h>
 #include <spdlog/logger.h>
@@ -63,8 +64,9 @@ public:
 
 // Standard output through the C library's stream on every platform. spdlog's
 // Windows console sink writes to the system handle it saw when it was made and
-// would miss a later redirection of the stream (by a host or a test).
-class StdoutSink final : public spdlog::sinks::base_sink<std::mutex> {
+// would miss a later redirection of the stream (by a host or a test). Records
+// are already serialised by `loggerMutex`, so the sink takes no lock of its own.
+class StdoutSink final : public spdlog::sinks::base_sink<spdlog::details::null_mutex> {
 protected:
     void sink_it_(const spdlog::details::log_msg& msg) override {
         spdlog::memory_buf_t line;
@@ -74,7 +76,16 @@ protected:
     void flush_() override { std::fflush(stdout); }
 };
 
-std::atomic<spdlog::logger*> activeLogger{nullptr};
+// The logger lives under this lock: a record is written while holding it and
+// teardown takes it, so a record that started before a LogSetup went either
+// finishes first or sees no logger, and nothing is printed once the owner's
+// destructor has returned. Both are trivially destructible, so records made
+// while the process exits never meet a destroyed lock.
+std::mutex loggerMutex;
+spdlog::logger* activeLogger = nullptr;  // guarded by loggerMutex
+// Read without the lock so that records below the threshold, and every record
+// while no logger exists, cost one load; write() checks again under the lock.
+std::atomic<bool> loggerPresent{false};
 
 }  // namespace
 
@@ -92,30 +103,35 @@ const char* severityName(Severity severity) {
 }
 
 bool enabled(Severity severity) {
-    return severity != Severity::none && severity <= kThreshold && activeLogger.load() != nullptr;
+    return severity != Severity::none && severity <= kThreshold && loggerPresent.load(std::memory_order_acquire);
 }
 
 void write(Severity severity, const char* function, int line, const std::string& message) {
-    spdlog::logger* logger = activeLogger.load();
-    if (logger == nullptr || !enabled(severity)) return;
-    logger->log(spdlog::source_loc{"", line, function}, toSpdlog(severity), spdlog::string_view_t(message));
-    logger->flush();
+    if (!enabled(severity)) return;
+    const std::lock_guard<std::mutex> lock(loggerMutex);
+    if (activeLogger == nullptr) return;
+    activeLogger->log(spdlog::source_loc{"", line, function}, toSpdlog(severity), spdlog::string_view_t(message));
+    activeLogger->flush();
 }
 
 std::unique_ptr<LogSetup> LogSetup::trySetUp() {
-    if (activeLogger.load() != nullptr) return nullptr;
+    const std::lock_guard<std::mutex> lock(loggerMutex);
+    if (activeLogger != nullptr) return nullptr;
     auto sink = std::make_shared<StdoutSink>();
     sink->set_formatter(std::make_unique<LineFormatter>());
-    auto* logger = new spdlog::logger("tonwerk", std::move(sink));
+    auto logger = std::make_unique<spdlog::logger>("tonwerk", std::move(sink));
     logger->set_level(spdlog::level::trace);  // the threshold is applied by enabled()
-    spdlog::logger* expected = nullptr;
-    if (!activeLogger.compare_exchange_strong(expected, logger)) {
-        delete logger;
-        return nullptr;
-    }
-    return std::unique_ptr<LogSetup>(new LogSetup());
+    auto setup = std::unique_ptr<LogSetup>(new LogSetup());
+    activeLogger = logger.release();
+    loggerPresent.store(true, std::memory_order_release);
+    return setup;
 }
 
-LogSetup::~LogSetup() { delete activeLogger.exchange(nullptr); }
+LogSetup::~LogSetup() {
+    const std::lock_guard<std::mutex> lock(loggerMutex);
+    loggerPresent.store(false, std::memory_order_release);
+    delete activeLogger;
+    activeLogger = nullptr;
+}
 
 }  // namespace tonwerk::log

@@ -24,7 +24,9 @@ bool enabled(Severity severity);
 void write(Severity severity, const char* function, int line, const std::string& message);
 
 // Owns the process-wide logger while it lives. Only one may be active at a
-// time: `trySetUp` returns null when a logger already exists.
+// time: `trySetUp` returns null when a logger already exists. Set-up, teardown
+// and records may come from any threads at once: the destructor waits for a
+// record being printed and nothing is printed after it returns.
 class LogSetup {
 public:
     static std::unique_ptr<LogSetup> trySetUp();

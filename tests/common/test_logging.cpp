@@ -10,10 +10,14 @@
 #include <unistd.h>
 #endif
 
+#include <atomic>
+#include <cstdio>
 #include <ctime>
 #include <regex>
+#include <sstream>
 #include <string>
 #include <thread>
+#include <vector>
 
 namespace tonwerk::log {
 namespace {
@@ -130,6 +134,50 @@ TEST(Logging, MessagesKeepTheirOwnLineEndsAndRecordsFromThreadsStayWhole) {
         ++lines;
     }
     EXPECT_EQ(lines, 100u);
+}
+
+// A logger torn down and set up again while other threads are writing
+// records: every record is printed whole or not at all, and none appears
+// between the owner's destruction and the next set-up.
+TEST(Logging, TeardownWaitsForRecordsBeingWrittenAndEndsPrinting) {
+    constexpr int kRounds = 200;
+    std::atomic<bool> stop{false};
+    const std::string out = stdoutOf([&] {
+        std::vector<std::thread> writers;
+        for (int t = 0; t < 3; ++t) {
+            writers.emplace_back([&stop, t] {
+                for (int i = 0; !stop.load(); ++i) TW_LOG(error, "t") << "record " << t << " " << i;
+            });
+        }
+        for (int round = 0; round < kRounds; ++round) {
+            std::fputs("setting up\n", stdout);
+            auto owner = LogSetup::trySetUp();
+            ASSERT_NE(owner, nullptr);
+            std::this_thread::yield();
+            owner.reset();
+            std::fputs("torn down\n", stdout);
+            std::this_thread::yield();
+        }
+        stop = true;
+        for (auto& writer : writers) writer.join();
+    });
+    int teardowns = 0;
+    std::size_t records = 0;
+    bool loggerMayExist = false;
+    std::istringstream lines(out);
+    const std::regex record(R"(.*\] \[t@\d+\] record [0-2] \d+)");
+    for (std::string line; std::getline(lines, line);) {
+        if (line == "setting up" || line == "torn down") {
+            loggerMayExist = line == "setting up";
+            teardowns += loggerMayExist ? 0 : 1;
+            continue;
+        }
+        ASSERT_TRUE(std::regex_match(line, record)) << line;
+        ASSERT_TRUE(loggerMayExist) << "printed while no logger existed: " << line;
+        ++records;
+    }
+    EXPECT_EQ(teardowns, kRounds);
+    EXPECT_GT(records, 0u);
 }
 
 }  // namespace

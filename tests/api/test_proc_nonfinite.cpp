@@ -1,0 +1,113 @@
+// Numbers that are not music: NaN, infinities, huge values and denormals in
+// the input never stop the stream, and what they touch is bounded.
+//
+// A sample enters the four analysis frames that cover it (frames start every
+// 1024 frames on one grid for the whole stream). A NaN or infinity makes each
+// of those frames' spectra non-finite, so on its channel every output row is
+// non-finite over those frames, 7168 samples from 3072 before the sample's
+// hop to 4096 after its start, and exact elsewhere, since the overlap-add
+// keeps no older frame. Where the model itself mixes frames, the NaN reaches
+// every value of each model run whose input holds it: one run, or two within
+// a frame of a chunk border. After those runs the stream is clean again.
+#include "proc_stream_support.h"
+
+#include <limits>
+
+namespace tonwerk_test {
+namespace {
+
+constexpr std::size_t kFrames = 600000;  // three model runs in blocks of 4096
+constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
+constexpr float kInf = std::numeric_limits<float>::infinity();
+
+struct Range {
+    std::size_t begin;
+    std::size_t end;
+    bool holds(std::size_t i) const { return i >= begin && i < end; }
+};
+
+// Output samples made from the frames that cover input sample `at`.
+Range framesCovering(std::size_t at) {
+    const std::size_t hopStart = at - at % 1024;
+    return {hopStart < 3072 ? 0 : hopStart - 3072, std::min(kFrames, hopStart + 4096)};
+}
+
+StreamOutput streamOf(const std::string& model, const Stereo& signal) {
+    tonwerk::TonwerkProc proc(loadContext(model), makeConfig(true));
+    StreamOutput out = runInBlocksOf(proc, signal, 4096);
+    EXPECT_EQ(out.frames(), signal.frames());
+    return out;
+}
+
+struct Near {
+    Range range;
+    double tolerance;
+};
+
+// Checks every sample of one channel of the given output rows: non-finite
+// inside `poisoned`, close to the clean stream inside `near`, identical to it
+// elsewhere.
+void expectChannel(const StreamOutput& out, const StreamOutput& clean, const std::vector<std::size_t>& rows, bool left,
+                   const std::vector<Range>& poisoned, const std::vector<Near>& near = {}) {
+    for (std::size_t s : rows) {
+        const std::vector<float>& actual = left ? out.stems[s].left : out.stems[s].right;
+        const std::vector<float>& expected = left ? clean.stems[s].left : clean.stems[s].right;
+        for (std::size_t i = 0; i < actual.size(); ++i) {
+            const auto close = std::find_if(near.begin(), near.end(), [i](const Near& n) { return n.range.holds(i); });
+            if (std::any_of(poisoned.begin(), poisoned.end(), [i](const Range& r) { return r.holds(i); })) {
+                ASSERT_FALSE(std::isfinite(actual[i])) << "output " << s << ", frame " << i;
+            } else if (close != near.end()) {
+                ASSERT_TRUE(std::isfinite(actual[i])) << "output " << s << ", frame " << i;
+                ASSERT_NEAR(actual[i], expected[i], close->tolerance) << "output " << s << ", frame " << i;
+            } else {
+                ASSERT_EQ(actual[i], expected[i]) << "output " << s << ", frame " << i;
+            }
+        }
+    }
+}
+
+const std::vector<std::size_t> kAllRows{0, 1, 2, 3, 4, 5, 6, 7};
+
+TEST(NonFiniteInput, PoisonsOnlyTheFramesThatCoverItAndHugeOrTinyValuesPassThrough) {
+    Stereo clean = bandLimitedSignal(kFrames);
+    std::fill(clean.left.begin() + 400000, clean.left.begin() + 401000, 0.0F);  // becomes denormals below
+    std::fill(clean.right.begin() + 400000, clean.right.begin() + 401000, 0.0F);
+    Stereo signal = clean;
+    signal.left[2000] = kNaN;       // the reflected lead-in holds it too
+    signal.left[257500] = -kInf;    // its frames straddle the first chunk border
+    signal.right[100000] = kInf;
+    signal.right[180000] = 1e30F;   // finite all the way: 4096 × 1e30 fits a float
+    signal.left[180000] = -1e30F;
+    for (std::size_t i = 400000; i < 401000; ++i) signal.left[i] = signal.right[i] = 1e-40F;  // denormals
+
+    const StreamOutput reference = streamOf("band_split.onnx", clean);
+    const StreamOutput out = streamOf("band_split.onnx", signal);
+    // The frames around 1e30 carry the impulse's share of every band (up to
+    // some 1e29), finite; denormals in place of silence change nothing audible.
+    const Range huge = framesCovering(180000);
+    const Range tiny{framesCovering(400000).begin, framesCovering(400999).end};
+    const std::vector<Near> near{{huge, std::numeric_limits<double>::max()}, {tiny, 1e-30}};
+    expectChannel(out, reference, kAllRows, true, {framesCovering(2000), framesCovering(257500)}, near);
+    expectChannel(out, reference, kAllRows, false, {framesCovering(100000)}, near);
+}
+
+TEST(NonFiniteInput, AModelThatMixesFramesSpreadsANaNOverItsRunsThenTheStreamIsCleanAgain) {
+    const Stereo clean = bandLimitedSignal(kFrames);
+    Stereo signal = clean;
+    signal.left[300000] = kNaN;
+    const StreamOutput reference = streamOf("run_mean.onnx", clean);
+    const StreamOutput out = streamOf("run_mean.onnx", signal);
+    // The second model run returns frames 253952 ... 510975 in blocks of 4096.
+    const Range secondRun{253952, 510976};
+    // Vocals (and with them residual and mix) lose both channels of that
+    // run; the other stems, input × 0, only the frames that cover the NaN.
+    for (bool left : {true, false}) {
+        SCOPED_TRACE(left ? "left" : "right");
+        expectChannel(out, reference, {0, 6, 7}, left, {secondRun});
+    }
+    expectChannel(out, reference, {1, 2, 3, 4, 5}, true, {framesCovering(300000)});
+    expectChannel(out, reference, {1, 2, 3, 4, 5}, false, {});
+}
+
+}  // namespace
+}  // namespace tonwerk_test

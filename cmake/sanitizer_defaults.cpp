@@ -19,6 +19,10 @@
 // touched, looks unsynchronised although the runtime orders it. Races with a
 // runtime frame on either side are therefore suppressed; everything between
 // the project's own threads, its logger and its processors stays checked.
+// Every buffer the runtime copies is a new racy address, and the sanitizer's
+// de-duplication of reports by address searches a list of all earlier ones:
+// quadratic, minutes per stream. It is turned off; halt_on_error stops at the
+// first report that is not suppressed anyway.
 //
 // Settings given in ASAN_OPTIONS / LSAN_OPTIONS / TSAN_OPTIONS still override these.
 
@@ -38,7 +42,7 @@ __attribute__((used, visibility("default"))) const char* __lsan_default_suppress
 }
 
 __attribute__((used, visibility("default"))) const char* __tsan_default_options() {
-    return "print_suppressions=0:halt_on_error=1";
+    return "print_suppressions=0:halt_on_error=1:suppress_equal_addresses=0";
 }
 
 __attribute__((used, visibility("default"))) const char* __tsan_default_suppressions() {

@@ -138,22 +138,31 @@ TEST(Logging, MessagesKeepTheirOwnLineEndsAndRecordsFromThreadsStayWhole) {
 
 // A logger torn down and set up again while other threads are writing
 // records: every record is printed whole or not at all, and none appears
-// between the owner's destruction and the next set-up.
+// between the owner's destruction and the next set-up. Each logger lives
+// until the writers have finished six records since it was set up: at most
+// one per writer began before, so at least three are printed per round,
+// however slowly threads get going (Wine).
 TEST(Logging, TeardownWaitsForRecordsBeingWrittenAndEndsPrinting) {
     constexpr int kRounds = 200;
+    constexpr std::size_t kWriters = 3;
     std::atomic<bool> stop{false};
+    std::atomic<std::size_t> written{0};
     const std::string out = stdoutOf([&] {
         std::vector<std::thread> writers;
-        for (int t = 0; t < 3; ++t) {
-            writers.emplace_back([&stop, t] {
-                for (int i = 0; !stop.load(); ++i) TW_LOG(error, "t") << "record " << t << " " << i;
+        for (std::size_t t = 0; t < kWriters; ++t) {
+            writers.emplace_back([&stop, &written, t] {
+                for (int i = 0; !stop.load(); ++i) {
+                    TW_LOG(error, "t") << "record " << t << " " << i;
+                    written.fetch_add(1);
+                }
             });
         }
         for (int round = 0; round < kRounds; ++round) {
             std::fputs("setting up\n", stdout);
             auto owner = LogSetup::trySetUp();
             ASSERT_NE(owner, nullptr);
-            std::this_thread::yield();
+            const std::size_t before = written.load();
+            while (written.load() < before + 2 * kWriters) std::this_thread::yield();
             owner.reset();
             std::fputs("torn down\n", stdout);
             std::this_thread::yield();
@@ -177,7 +186,7 @@ TEST(Logging, TeardownWaitsForRecordsBeingWrittenAndEndsPrinting) {
         ++records;
     }
     EXPECT_EQ(teardowns, kRounds);
-    EXPECT_GT(records, 0u);
+    EXPECT_GE(records, kWriters * kRounds);
 }
 
 }  // namespace

@@ -26,6 +26,10 @@ function(tonwerk_sanitize target)
     target_compile_options(${target} PRIVATE -fsanitize=address,undefined -fno-omit-frame-pointer
                                              -fno-sanitize-recover=undefined)
     target_link_options(${target} PRIVATE -fsanitize=address,undefined)
+    if(TONWERK_BUILD_FUZZERS)
+      # Coverage feedback for libFuzzer from every object of the project.
+      target_compile_options(${target} PRIVATE -fsanitize=fuzzer-no-link)
+    endif()
   elseif(TONWERK_SANITIZE_THREAD)
     target_compile_options(${target} PRIVATE -fsanitize=thread -fno-omit-frame-pointer)
     target_link_options(${target} PRIVATE -fsanitize=thread)

@@ -16,6 +16,7 @@ DEBIAN_PACKAGES=(
   libxtensor-dev xtl-dev libspdlog-dev libfmt-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   libsndfile1-dev libsoxr-dev
+  clang libclang-rt-dev
   python3-onnx python3-numpy python3-pytest python3-pip python3-setuptools python3-wheel
 )
 if [ "${1:-}" = "--windows" ]; then

@@ -80,6 +80,7 @@ void BufferAggregator::push(const xt::xarray<float>& chunk) {
 void BufferAggregator::pushFrames(const float* data, std::size_t frames, std::size_t channelStride,
                                   std::size_t sampleStride) {
     requireRoom(frames);
+    if (frames == 0) return;  // an empty host block may come with a null data pointer
     const std::size_t size = capacity();
     const std::size_t rows = static_cast<std::size_t>(batch) * buffer.shape()[1];
     const std::size_t channels = buffer.shape()[1];

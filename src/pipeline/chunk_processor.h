@@ -75,8 +75,9 @@ private:
     std::size_t channels;
     std::size_t fftSize;
     std::size_t hop;
-    std::uint64_t configExtra;
-    std::size_t segmentFrames;
+    // Kept as the host gave them; the chunking reads neither.
+    [[maybe_unused]] std::uint64_t configExtra;
+    [[maybe_unused]] std::size_t segmentFrames;
     std::size_t stemCount;
     std::unique_ptr<PreProcessor> preProcessor_;
     std::vector<std::unique_ptr<OverlapAddSynthesizer>> synthesizers;

@@ -1,6 +1,7 @@
 // Streaming stereo test signals through the public interface, collected per stem.
 #pragma once
 
+#include "common/stem_bits.h"
 #include "test_support.h"
 #include "tonwerk/tonwerk_proc_multistem.h"
 
@@ -19,7 +20,7 @@ namespace tonwerk_test {
 constexpr std::size_t kOutputCount = 8;  // six stems, residual, mix
 constexpr std::size_t kResidual = 6;
 constexpr std::size_t kMix = 7;
-constexpr unsigned kAllStems = 0x3F;
+constexpr unsigned kAllStems = tonwerk::tools::kAllStemBits;
 
 // The windowed FFT round trip in single precision is exact up to rounding
 // inside the stream (measured <= 2.4e-7). Within one frame of either end the
@@ -38,16 +39,7 @@ inline std::shared_ptr<tonwerk::InferenceContext> loadContext(const std::string&
 
 // Stem bits in configuration order: bit 0 vocals ... bit 5 bass.
 inline tonwerk::TonwerkProcConfig makeConfig(bool interleaved, unsigned bits = kAllStems, std::int32_t channels = 2) {
-    tonwerk::TonwerkProcConfig config{};
-    config.vocals = bits & 1u;
-    config.drum = (bits >> 1) & 1u;
-    config.piano = (bits >> 2) & 1u;
-    config.acousticGuitar = (bits >> 3) & 1u;
-    config.electricGuitar = (bits >> 4) & 1u;
-    config.bass = (bits >> 5) & 1u;
-    config.channels = channels;
-    config.interleaved = interleaved;
-    return config;
+    return tonwerk::tools::configForStemBits(bits, interleaved, channels);
 }
 
 struct Stereo {

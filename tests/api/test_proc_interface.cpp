@@ -1,6 +1,7 @@
-// The processor's contract with the host: input layouts, when output starts,
-// what maxInputSize reports, rejected input, sharing of models, moving
-// handles and the shallow copy assignment.
+// The processor's contract with the host: when output starts, what
+// maxInputSize reports, a missing model, sharing of models, calls after the
+// end, moving handles and the shallow copy assignment. Block sizes, layouts,
+// overflow and malformed blocks are fuzzed (tests/fuzz/fuzz_process_schedule).
 #include "proc_stream_support.h"
 
 #include <new>
@@ -14,28 +15,6 @@
 
 namespace tonwerk_test {
 namespace {
-
-TEST(ProcLayout, InterleavedAndPlanarGiveTheSameStems) {
-    const Stereo signal = bandLimitedSignal(30000);
-    auto context = loadContext("band_split.onnx");
-    tonwerk::TonwerkProc interleaved(context, makeConfig(true));
-    tonwerk::TonwerkProc planar(context, makeConfig(false));
-    const StreamOutput a = runInBlocksOf(interleaved, signal, 7000, true);
-    ASSERT_EQ(a.frames(), signal.frames());
-    expectSameOutput(a, runInBlocksOf(planar, signal, 7000, false));
-}
-
-// With `channels` 4 an interleaved block of 4k floats is k frames, read as
-// stereo pairs from its first 2k floats; the rest of the block is ignored.
-TEST(ProcLayout, InterleavedChannelsFourReadsPairsFromTheFirstHalf) {
-    const Stereo signal = bandLimitedSignal(6000);
-    std::vector<float> input = block(signal, 0, signal.frames(), true);
-    input.resize(4 * signal.frames(), 9.0F);
-    tonwerk::TonwerkProc proc(loadContext("identity.onnx"), makeConfig(true, kAllStems, 4));
-    StreamOutput out;
-    append(out, proc.process(input, true), true);
-    expectIdentityOutput(out, signal);
-}
 
 TEST(ProcThresholds, OutputStartsAtExactly257024FramesAndMaxInputSizeShrinksAfterIt) {
     const Stereo signal = bandLimitedSignal(257024);
@@ -59,41 +38,6 @@ TEST(ProcThresholds, OutputStartsAtExactly257024FramesAndMaxInputSizeShrinksAfte
                       std::vector<float>(signal.right.begin(), signal.right.begin() + 252928)};
     expectNear(a.stems[0], head, [](std::size_t i) { return i < kEdge ? kEdgeTolerance : kInteriorTolerance; },
                "vocals");
-}
-
-TEST(ProcThresholds, OverflowingPushIsRejectedAndTheStreamContinues) {
-    const Stereo signal = bandLimitedSignal(520000);
-    tonwerk::TonwerkProc proc(loadContext("identity.onnx"), makeConfig(false));
-    StreamOutput out;
-    EXPECT_TRUE(proc.process(block(signal, 0, 200000, false), false).empty());
-    // One frame beyond the 514048 it holds.
-    EXPECT_EQ(tonwerk::test::runtimeErrorOf([&] { proc.process(block(signal, 200000, 314049, false), false); }),
-              "Buffer overflow: cannot accept chunk of size 314049");
-    append(out, proc.process(block(signal, 200000, 160000, false), false), false);
-    append(out, proc.process(block(signal, 360000, 160000, false), true), false);
-    expectIdentityOutput(out, signal);
-}
-
-TEST(ProcInput, UnreadableLayoutsAreRejectedWithoutDisturbingTheStream) {
-    auto context = loadContext("identity.onnx");
-    const std::vector<float> eight(8, 0.25F);
-    for (const bool interleaved : {true, false}) {
-        tonwerk::TonwerkProc proc(context, makeConfig(interleaved, kAllStems, 0));
-        EXPECT_THROW(proc.process(eight, false), std::invalid_argument) << "channels 0, interleaved " << interleaved;
-        EXPECT_EQ(proc.maxInputSize(), 257024u);
-    }
-    tonwerk::TonwerkProc mono(context, makeConfig(true, kAllStems, 1));
-    EXPECT_THROW(mono.process(eight, true), std::invalid_argument) << "interleaved, channels 1";
-    // Planar ignores `channels`, but needs two halves of equal length.
-    const Stereo signal = bandLimitedSignal(60000);
-    tonwerk::TonwerkProc proc(context, makeConfig(false, kAllStems, 1));
-    StreamOutput out;
-    append(out, proc.process(block(signal, 0, 30000, false), false), false);
-    std::vector<float> odd = block(signal, 30000, 30000, false);
-    odd.pop_back();
-    EXPECT_THROW(proc.process(odd, true), std::invalid_argument);
-    append(out, proc.process(block(signal, 30000, 30000, false), true), false);
-    expectIdentityOutput(out, signal);
 }
 
 TEST(ProcConstruction, MissingContextIsReported) {

@@ -1,0 +1,45 @@
+#!/usr/bin/python3
+"""Writes the fuzzers' seed corpus into corpus/ next to this script.
+
+Usage: make_seeds.py MODELS_DIR   (the build's generated test models)
+
+model_bytes: identity.onnx and band_split.onnx as they are (key length 0),
+and identity.onnx scrambled with the key "key" (first byte 3, the key, the
+scrambled bytes). process_schedule and buffer_aggregator: byte strings from a
+fixed-seed generator, short and long; the fuzzers read them as choices.
+"""
+
+import os
+import random
+import sys
+
+
+def write(folder, name, data):
+    os.makedirs(folder, exist_ok=True)
+    with open(os.path.join(folder, name), "wb") as f:
+        f.write(data)
+
+
+def main(argv):
+    if len(argv) != 2:
+        sys.exit(__doc__)
+    here = os.path.join(os.path.dirname(os.path.abspath(__file__)), "corpus")
+    models = argv[1]
+    for name in ("identity", "band_split"):
+        with open(os.path.join(models, name + ".onnx"), "rb") as f:
+            write(os.path.join(here, "model_bytes"), name, b"\x00" + f.read())
+    with open(os.path.join(models, "identity.onnx"), "rb") as f:
+        plain = f.read()
+    key = b"key"
+    scrambled = bytes(b ^ key[i % len(key)] for i, b in enumerate(plain))
+    write(os.path.join(here, "model_bytes"), "identity_keyed", bytes([len(key)]) + key + scrambled)
+
+    generator = random.Random(20261123)
+    for target in ("process_schedule", "buffer_aggregator"):
+        for length in (16, 64, 256):
+            data = bytes(generator.randrange(256) for _ in range(length))
+            write(os.path.join(here, target), "random_%d" % length, data)
+
+
+if __name__ == "__main__":
+    main(sys.argv)

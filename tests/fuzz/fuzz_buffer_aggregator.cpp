@@ -125,8 +125,8 @@ private:
 
     // `out` holds the oldest n samples of every row, in order.
     void expectBlock(const xt::xarray<float>& out, std::size_t n) const {
-        if (out.shape()[out.dimension() - 1] != n) broken("returned " + std::to_string(out.shape()[out.dimension() - 1]) +
-                                                          " samples, expected " + std::to_string(n));
+        const std::size_t returned = out.shape()[out.dimension() - 1];
+        if (returned != n) broken("returned " + std::to_string(returned) + " samples, expected " + std::to_string(n));
         for (std::size_t r = 0; r < batch_ * channels_; ++r) {
             for (std::size_t i = 0; i < n; ++i) {
                 if (out.data()[r * n + i] != reference_.rows[r][i]) broken("row " + std::to_string(r) + " sample " +

@@ -171,15 +171,15 @@ private:
             const bool edge = i < kEdge || i + kEdge >= frames;
             for (std::size_t c = 0; c < 2; ++c) {
                 const float expected = sample(streamStart_ + i, c);
+                const std::string where = " for " + std::to_string(expected) + " at frame " + std::to_string(i) +
+                                          " of " + std::to_string(frames);
                 if (std::fabs(restored_[2 * i + c] - expected) > kSumTolerance) {
-                    broken(describe() + ": residual + mix " + std::to_string(restored_[2 * i + c]) + " for " +
-                           std::to_string(expected) + " at frame " + std::to_string(i) + " of " + std::to_string(frames));
+                    broken(describe() + ": residual + mix " + std::to_string(restored_[2 * i + c]) + where);
                 }
                 const bool checkVocals = vocals_ && streamStart_ == 0;
                 const double tolerance = edge ? kEdgeTolerance : kInteriorTolerance;
                 if (checkVocals && std::fabs(vocals_out_[2 * i + c] - expected) > tolerance) {
-                    broken(describe() + ": vocals " + std::to_string(vocals_out_[2 * i + c]) + " for " + std::to_string(expected) +
-                           " at frame " + std::to_string(i) + " of " + std::to_string(frames));
+                    broken(describe() + ": vocals " + std::to_string(vocals_out_[2 * i + c]) + where);
                 }
             }
         }

@@ -7,6 +7,9 @@ model_bytes: identity.onnx and band_split.onnx as they are (key length 0),
 and identity.onnx scrambled with the key "key" (first byte 3, the key, the
 scrambled bytes). process_schedule and buffer_aggregator: byte strings from a
 fixed-seed generator, short and long; the fuzzers read them as choices.
+Other files in corpus/ are inputs that once broke a fuzzer, kept as
+regressions (process_schedule/empty_interleaved_block: an empty block read in
+place from a null pointer).
 """
 
 import os

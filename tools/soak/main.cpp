@@ -144,7 +144,8 @@ int soak(const Options& options) {
         ++totals.streams;
     }
     const double audioMinutes = static_cast<double>(totals.frames) / kSampleRate / 60.0;
-    std::printf("%.1f min: %.1f min of audio (%.0fx real time) in %zu streams and %zu calls, every frame as it went in\n",
+    std::printf("%.1f min: %.1f min of audio (%.0fx real time) in %zu streams and %zu calls, "
+                "every frame as it went in\n",
                 report.elapsedMinutes(), audioMinutes, audioMinutes / report.elapsedMinutes(), totals.streams,
                 totals.calls);
     const auto& peaks = report.minutePeaks();

@@ -122,7 +122,8 @@ void SoakStream::checkFrame(std::size_t frame, const std::array<float, 2>& in,
     for (std::size_t c = 0; c < 2; ++c) {
         const float vocals = (stems & 1u) ? in[c] : 0.0F;
         if (std::fabs(out[kVocals][c] - vocals) > tolerance) {
-            throw Mismatch(describe() + ": vocals " + std::to_string(out[kVocals][c]) + " for " + std::to_string(vocals));
+            throw Mismatch(describe() + ": vocals " + std::to_string(out[kVocals][c]) + " for " +
+                           std::to_string(vocals));
         }
         for (std::size_t s = 1; s < kResidual; ++s) {
             if (out[s][c] != 0.0F) throw Mismatch(describe() + ": stem " + std::to_string(s) + " is not silent");

@@ -48,7 +48,8 @@ private:
     std::size_t nextBlockFrames(std::mt19937_64& random);
     void hostBlock(std::size_t frames);
     void check(const std::vector<std::vector<float>>& result);
-    void checkFrame(std::size_t frame, const std::array<float, 2>& in, const std::array<std::array<float, 2>, 8>& out) const;
+    void checkFrame(std::size_t frame, const std::array<float, 2>& in,
+                    const std::array<std::array<float, 2>, 8>& out) const;
 
     std::size_t length;
     bool interleaved;

@@ -4,14 +4,14 @@
 // comes back against the frame that went in. Each minute it prints the audio
 // streamed and the resident memory (now, and the peak of that minute); it
 // fails when a frame differs or the last minute's peak outgrew the first's.
+#include "common/file_bytes.h"
+#include "common/tool_error.h"
 #include "resident_memory.h"
 #include "soak_stream.h"
 
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
-#include <iterator>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -20,6 +20,7 @@
 namespace {
 
 using namespace tonwerk::soak;
+namespace tools = tonwerk::tools;
 using Clock = std::chrono::steady_clock;
 
 constexpr double kSampleRate = 44100.0;
@@ -44,14 +45,10 @@ struct Options {
     double maxGrowthMb = 16;
 };
 
-struct UsageError : std::runtime_error {
-    using std::runtime_error::runtime_error;
-};
-
 double positive(const std::string& option, const char* text) {
     char* end = nullptr;
     const double value = std::strtod(text, &end);
-    if (end == text || *end != '\0' || !(value > 0)) throw UsageError(option + " needs a positive number");
+    if (end == text || *end != '\0' || !(value > 0)) throw tools::usageError(option + " needs a positive number");
     return value;
 }
 
@@ -63,7 +60,7 @@ Options parseOptions(int argc, char** argv) {
             std::fputs(usageText, stdout);
             std::exit(0);
         }
-        if (i + 1 >= argc) throw UsageError("unknown option or missing value: " + arg);
+        if (i + 1 >= argc) throw tools::usageError("unknown option or missing value: " + arg);
         const char* value = argv[++i];
         if (arg == "--minutes") {
             options.minutes = positive(arg, value);
@@ -78,16 +75,14 @@ Options parseOptions(int argc, char** argv) {
         } else if (arg == "--max-growth") {
             options.maxGrowthMb = positive(arg, value);
         } else {
-            throw UsageError("unknown option " + arg);
+            throw tools::usageError("unknown option " + arg);
         }
     }
     return options;
 }
 
 std::shared_ptr<tonwerk::InferenceContext> loadModel(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    const std::vector<unsigned char> bytes{std::istreambuf_iterator<char>(file), {}};
-    if (bytes.empty()) throw std::runtime_error("cannot read the model " + path);
+    const std::vector<unsigned char> bytes = tools::readFileBytes(path);
     return std::make_shared<tonwerk::InferenceContext>(tonwerk::ModelData{bytes.data(), bytes.size(), ""});
 }
 
@@ -166,14 +161,15 @@ int soak(const Options& options) {
 int main(int argc, char** argv) {
     try {
         return soak(parseOptions(argc, argv));
-    } catch (const UsageError& e) {
-        std::fprintf(stderr, "tonwerk-soak: %s\n%s", e.what(), usageText);
-        return 2;
     } catch (const Mismatch& e) {
         std::fprintf(stderr, "tonwerk-soak: %s\n", e.what());
         return 1;
+    } catch (const tools::ToolError& e) {
+        std::fprintf(stderr, "tonwerk-soak: %s\n", tools::oneLine(e.what()).c_str());
+        if (e.exitStatus() == tools::exitUsage) std::fputs(usageText, stderr);
+        return e.exitStatus();
     } catch (const std::exception& e) {
-        std::fprintf(stderr, "tonwerk-soak: %s\n", e.what());
-        return 3;
+        std::fprintf(stderr, "tonwerk-soak: %s\n", tools::oneLine(e.what()).c_str());
+        return tools::exitInput;
     }
 }

@@ -8,6 +8,7 @@ namespace {
 
 // A plain memset before free is a dead store that compilers remove.
 void secureZero(unsigned char* bytes, std::size_t size) {
+    if (size == 0) return;  // an empty buffer's pointer may be null, which explicit_bzero must not get
 #if defined(__GLIBC__)
     explicit_bzero(bytes, size);
 #else

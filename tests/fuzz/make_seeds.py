@@ -9,7 +9,8 @@ scrambled bytes). process_schedule and buffer_aggregator: byte strings from a
 fixed-seed generator, short and long; the fuzzers read them as choices.
 Other files in corpus/ are inputs that once broke a fuzzer, kept as
 regressions (process_schedule/empty_interleaved_block: an empty block read in
-place from a null pointer).
+place from a null pointer; model_bytes/keyed_empty_model: a key and no model
+bytes, whose empty buffer was wiped through a null pointer).
 """
 
 import os

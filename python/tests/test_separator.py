@@ -13,11 +13,8 @@ import tonwerk
 EDGE = 4096  # frames near either end, where the mirrored padding adds up to 1e-4
 
 
-def test_version_matches_the_library():
-    assert tonwerk.library_version() == tonwerk.__version__
-
-
 def test_identity_stream_gives_the_input_back_in_any_block_schedule(models, stereo):
+    assert tonwerk.library_version() == tonwerk.__version__
     audio = stereo(300000)
     separator = tonwerk.Separator(models("identity.onnx"))
     assert separator.latency == 257024
@@ -34,7 +31,6 @@ def test_identity_stream_gives_the_input_back_in_any_block_schedule(models, ster
             parts.append(result)
         start = end
     stems = {name: np.concatenate([p[name] for p in parts]) for name in tonwerk.OUTPUTS}
-    assert stems["vocals"].shape == audio.shape
     np.testing.assert_allclose(stems["vocals"][EDGE:-EDGE], audio[EDGE:-EDGE], atol=1e-6)
     np.testing.assert_allclose(stems["vocals"], audio, atol=1e-4)
     np.testing.assert_allclose(stems["residual"] + stems["mix"], audio, atol=2.5e-7)
@@ -47,10 +43,7 @@ def test_stem_names_select_the_model_outputs(models, stereo):
     for name in tonwerk.STEMS:
         stems = tonwerk.Separator(models("band_split.onnx"), stems=[name]).separate(audio, block_frames=1000)
         for other in tonwerk.STEMS:
-            if other == name:
-                np.testing.assert_array_equal(stems[other], everything[other])
-            else:
-                assert not stems[other].any(), (name, other)
+            np.testing.assert_array_equal(stems[other], everything[other] if other == name else 0, err_msg=other)
 
 
 def test_separate_leaves_the_stream_alone_and_handles_empty_audio(models, stereo):
@@ -64,8 +57,7 @@ def test_separate_leaves_the_stream_alone_and_handles_empty_audio(models, stereo
     # Blocks beyond what the processor takes are cut to fit.
     long_audio = stereo(600000)
     np.testing.assert_allclose(separator.separate(long_audio, block_frames=10**6)["mix"], long_audio, atol=1e-4)
-    empty = separator.separate(np.zeros((0, 2), np.float32))
-    assert all(v.shape == (0, 2) for v in empty.values())
+    assert all(v.shape == (0, 2) for v in separator.separate(np.zeros((0, 2), np.float32)).values())
 
 
 def test_bad_input_is_refused_and_loses_nothing(models, stereo, tmp_path):
@@ -89,8 +81,7 @@ def test_bad_input_is_refused_and_loses_nothing(models, stereo, tmp_path):
     with pytest.raises(tonwerk.TonwerkError, match="Buffer overflow: cannot accept chunk of size 600000") as error:
         separator.process(np.zeros((600000, 2), np.float32), eof=True)
     assert error.value.status == 2
-    result = separator.process(audio[10000:], eof=True)
-    np.testing.assert_allclose(result["vocals"], audio, atol=1e-4)
+    np.testing.assert_allclose(separator.process(audio[10000:], eof=True)["vocals"], audio, atol=1e-4)
     separator.close()
     with pytest.raises(tonwerk.TonwerkError, match="processor is NULL"):
         separator.process(audio)
@@ -98,16 +89,16 @@ def test_bad_input_is_refused_and_loses_nothing(models, stereo, tmp_path):
 
 def test_installs_with_pip_and_finds_the_library_beside_itself(tmp_path, models):
     # pip builds in the package's folder: build a copy, not the source tree.
-    package = tmp_path / "package"
+    package, site = tmp_path / "package", tmp_path / "site"
     shutil.copytree(os.path.join(os.path.dirname(__file__), ".."), package,
                     ignore=shutil.ignore_patterns("tests", "__pycache__", "build", "*.egg-info"))
     subprocess.run([sys.executable, "-m", "pip", "install", "--quiet", "--root-user-action=ignore", "--no-deps",
-                    "--no-build-isolation", "--target", str(tmp_path / "site"), str(package)], check=True)
+                    "--no-build-isolation", "--target", str(site), str(package)], check=True)
     folder = os.path.dirname(os.path.realpath(tonwerk._library.load()._name))
     for name in os.listdir(folder):
         if name.startswith(("libtonwerk_", "libonnxruntime_pelagrin")):
-            os.symlink(os.path.join(folder, name), tmp_path / "site" / "tonwerk" / name)
-    env = dict(os.environ, PYTHONPATH=str(tmp_path / "site"))
+            os.symlink(os.path.join(folder, name), site / "tonwerk" / name)
+    env = dict(os.environ, PYTHONPATH=str(site))
     env.pop("TONWERK_LIBRARY", None)
     script = ("import tonwerk, numpy as np; s = tonwerk.Separator(%r); "
               "print(s.separate(np.zeros((10, 2), np.float32))['mix'].shape)" % models("identity.onnx"))

@@ -6,7 +6,6 @@
 
 #include <new>
 #include <optional>
-#include <stdexcept>
 #include <type_traits>
 
 #if defined(__SANITIZE_ADDRESS__)
@@ -17,27 +16,14 @@ namespace tonwerk_test {
 namespace {
 
 TEST(ProcThresholds, OutputStartsAtExactly257024FramesAndMaxInputSizeShrinksAfterIt) {
-    const Stereo signal = bandLimitedSignal(257024);
-    auto context = loadContext("identity.onnx");
-    tonwerk::TonwerkProc stepwise(context, makeConfig(true));
-    EXPECT_EQ(stepwise.maxInputSize(), 257024u);
-    EXPECT_TRUE(stepwise.process(block(signal, 0, 257023, true), false).empty());
-    EXPECT_EQ(stepwise.maxInputSize(), 257024u);
-    StreamOutput a;
-    append(a, stepwise.process(block(signal, 257023, 1, true), false), true);
-    EXPECT_EQ(stepwise.maxInputSize(), 254976u);
-
-    tonwerk::TonwerkProc atOnce(context, makeConfig(true));
-    StreamOutput b;
-    append(b, atOnce.process(block(signal, 0, 257024, true), false), true);
-
-    // The newest 4096 frames stay buffered for the next chunk.
-    ASSERT_EQ(a.frames(), 257024u - 4096u);
-    expectSameOutput(a, b);
-    const Stereo head{std::vector<float>(signal.left.begin(), signal.left.begin() + 252928),
-                      std::vector<float>(signal.right.begin(), signal.right.begin() + 252928)};
-    expectNear(a.stems[0], head, [](std::size_t i) { return i < kEdge ? kEdgeTolerance : kInteriorTolerance; },
-               "vocals");
+    IdentityStreamCheck stream(loadContext("identity.onnx"), kAllStems, true);
+    EXPECT_EQ(stream.processor().maxInputSize(), 257024u);
+    stream.send(257023, false);
+    EXPECT_EQ(stream.returned(), 0u);
+    EXPECT_EQ(stream.processor().maxInputSize(), 257024u);
+    stream.send(1, false);
+    EXPECT_EQ(stream.returned(), 257024u - 4096u);  // the newest 4096 frames stay buffered for the next chunk
+    EXPECT_EQ(stream.processor().maxInputSize(), 254976u);
 }
 
 TEST(ProcConstruction, MissingContextIsReported) {
@@ -79,20 +65,11 @@ TEST(ProcSharing, ProcessorsOnOneContextDoNotDisturbEachOther) {
 // flushed stream: every stem exactly as long as the new audio, its first 4096
 // frames mixed with what the old stream left in the overlap, the rest clean.
 TEST(ProcLifecycle, CallsAfterTheEndAreDefined) {
-    tonwerk::TonwerkProc proc(loadContext("identity.onnx"), makeConfig(true));
-    EXPECT_TRUE(proc.process({}, true).empty());
-    const Stereo first = bandLimitedSignal(300000);
-    expectIdentityOutput(runInBlocksOf(proc, first, 4096), first);
-    EXPECT_TRUE(proc.process({}, true).empty());
-
-    Stereo second = bandLimitedSignal(270000);
-    for (float& v : second.left) v *= -0.5F;
-    const StreamOutput after = runInBlocksOf(proc, second, 5000);
-    const std::size_t n = second.frames();
-    expectNear(after.stems[0], second, [n](std::size_t i) {
-        if (i < kEdge) return 2.0;  // finite, whatever the old stream left
-        return i + kEdge >= n ? kEdgeTolerance : kInteriorTolerance;
-    }, "vocals after the end");
+    IdentityStreamCheck stream(loadContext("identity.onnx"), kAllStems, true);
+    EXPECT_TRUE(stream.processor().process({}, true).empty());
+    for (int i = 0; i < 73; ++i) stream.send(4096, i == 72);
+    EXPECT_TRUE(stream.processor().process({}, true).empty());
+    for (int i = 0; i < 54; ++i) stream.send(5000, i == 53);
 }
 
 // Allocations made while one exists are not reported as leaks.
@@ -138,13 +115,11 @@ TEST(ProcMoves, StreamsFollowTheirHandles) {
     }
 }
 
+// The target is never destroyed: it would free the source's implementation a
+// second time. Its own former implementation leaks by design of the assignment.
 TEST(ProcCopyAssignment, BothHandlesDriveOneStream) {
     auto context = loadContext("identity.onnx");
     tonwerk::TonwerkProc source(context, makeConfig(true));
-
-    // The target is never destroyed: it would free the source's
-    // implementation a second time. Its own former implementation leaks by
-    // design of the assignment.
     alignas(tonwerk::TonwerkProc) unsigned char storage[sizeof(tonwerk::TonwerkProc)];
     tonwerk::TonwerkProc* target = nullptr;
     {
@@ -152,14 +127,11 @@ TEST(ProcCopyAssignment, BothHandlesDriveOneStream) {
         target = new (storage) tonwerk::TonwerkProc(context, makeConfig(true));
     }
     *target = source;
-
     // 257023 frames through one handle are one short of the first result;
     // the next frame through the other completes it.
     EXPECT_TRUE(source.process(std::vector<float>(2 * 257023, 0.25F), false).empty());
-    EXPECT_EQ(target->maxInputSize(), 257024U);
     const auto stems = target->process(std::vector<float>(2, 0.25F), false);
     ASSERT_EQ(stems.size(), kOutputCount);
-    // All but the newest 4096 frames, which stay buffered to open the next chunk.
     EXPECT_EQ(stems[0].size(), 2U * (257024U - 4096U));
     EXPECT_EQ(source.maxInputSize(), 254976U);
 }

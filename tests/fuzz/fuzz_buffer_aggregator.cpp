@@ -22,61 +22,46 @@ namespace {
     std::abort();
 }
 
-// The reference: every row (batch entry × channel) a queue of samples.
-struct ReferenceRing {
-    std::size_t capacity;
-    std::vector<std::deque<float>> rows;
-
-    std::size_t held() const { return rows[0].size(); }
-};
-
 class Session {
 public:
     Session(std::size_t batch, std::size_t channels, std::size_t capacity)
-        : batch_(batch), channels_(channels), ring_(channels, capacity, static_cast<int>(batch)),
-          reference_{capacity, std::vector<std::deque<float>>(batch * channels)} {}
+        : batch_(batch), channels_(channels), capacity_(capacity), ring_(channels, capacity, static_cast<int>(batch)),
+          rows_(batch * channels) {}
 
-    // Row r of a new block holds next_ + r * 1e6 + i: every sample traceable.
-    xt::xarray<float> newBlock(std::size_t perRowBatch, std::size_t n) {
-        xt::xarray<float> block = perRowBatch > 1 ? xt::xarray<float>::from_shape({perRowBatch, channels_, n})
-                                                  : xt::xarray<float>::from_shape({channels_, n});
-        for (std::size_t r = 0; r < perRowBatch * channels_; ++r) {
+    // A rank-2 block, or one of rank 3 with a row per batch entry when
+    // `perBatch`. Row r holds next + r * 1e6 + i: every sample traceable.
+    void push(std::size_t n, bool perBatch) {
+        const std::size_t entries = perBatch ? batch_ : 1;
+        xt::xarray<float> block = entries > 1 ? xt::xarray<float>::from_shape({entries, channels_, n})
+                                              : xt::xarray<float>::from_shape({channels_, n});
+        for (std::size_t r = 0; r < entries * channels_; ++r) {
             for (std::size_t i = 0; i < n; ++i) block.data()[r * n + i] = static_cast<float>(next_ + i + r * 1000000);
         }
-        next_ += n;
-        return block;
-    }
-
-    void push(const xt::xarray<float>& block) {
-        const std::size_t n = block.shape()[block.dimension() - 1];
-        if (!expectOverflowIfFull(n, [&] { ring_.push(block); })) return;
-        const bool perRow = block.dimension() == 3 && block.shape()[0] > 1;
-        for (std::size_t b = 0; b < batch_; ++b) {
-            for (std::size_t c = 0; c < channels_; ++c) {
-                const float* row = block.data() + ((perRow ? b : 0) * channels_ + c) * n;
-                reference_.rows[b * channels_ + c].insert(reference_.rows[b * channels_ + c].end(), row, row + n);
+        if (accepted(n, [&] { ring_.push(block); })) {
+            for (std::size_t r = 0; r < rows_.size(); ++r) {
+                append(r, block.data() + (entries > 1 ? r : r % channels_) * n, n);
             }
         }
     }
 
-    // A host block read in place, interleaved or planar.
+    // A host block read in place, interleaved or planar; every batch entry gets it.
     void pushFrames(std::size_t n, bool interleaved) {
-        const xt::xarray<float> planar = newBlock(1, n);
-        std::vector<float> host(planar.size());
+        std::vector<float> host(channels_ * n), planar(channels_ * n);
         for (std::size_t c = 0; c < channels_; ++c) {
-            for (std::size_t i = 0; i < n; ++i) host[interleaved ? i * channels_ + c : c * n + i] = planar(c, i);
+            for (std::size_t i = 0; i < n; ++i) {
+                planar[c * n + i] = static_cast<float>(next_ + i + c * 1000000);
+                host[interleaved ? i * channels_ + c : c * n + i] = planar[c * n + i];
+            }
         }
-        const std::size_t channelStride = interleaved ? 1 : n;
-        const std::size_t sampleStride = interleaved ? channels_ : 1;
-        if (!expectOverflowIfFull(n, [&] { ring_.pushFrames(host.data(), n, channelStride, sampleStride); })) return;
-        for (std::size_t r = 0; r < batch_ * channels_; ++r) {
-            for (std::size_t i = 0; i < n; ++i) reference_.rows[r].push_back(planar(r % channels_, i));
+        const auto read = [&] { ring_.pushFrames(host.data(), n, interleaved ? 1 : n, interleaved ? channels_ : 1); };
+        if (accepted(n, read)) {
+            for (std::size_t r = 0; r < rows_.size(); ++r) append(r, planar.data() + (r % channels_) * n, n);
         }
     }
 
     void get(std::size_t requested, std::size_t keep, bool into) {
-        const std::size_t n = requested != 0 ? requested : reference_.held();
-        const bool served = reference_.held() != 0 && n <= reference_.held();
+        const std::size_t n = requested != 0 ? requested : held();
+        const bool served = held() != 0 && n <= held();
         xt::xarray<float> out;
         bool ok = false;
         try {
@@ -89,29 +74,34 @@ public:
         if (!served) return;
         if (keep > n) broken("get accepted keep > n");
         expectBlock(out, n);
-        for (auto& row : reference_.rows) row.erase(row.begin(), row.begin() + static_cast<std::ptrdiff_t>(n - keep));
+        for (auto& row : rows_) row.erase(row.begin(), row.begin() + static_cast<std::ptrdiff_t>(n - keep));
     }
 
     void flush() {
         const xt::xarray<float> out = ring_.flush();
-        const std::size_t rank = batch_ == 1 ? 2 : 3;
-        if (out.dimension() != rank) broken("flush returned rank " + std::to_string(out.dimension()));
-        expectBlock(out, reference_.held());
-        for (auto& row : reference_.rows) row.clear();
+        if (out.dimension() != (batch_ == 1 ? 2u : 3u)) broken("flush gave rank " + std::to_string(out.dimension()));
+        expectBlock(out, held());
+        for (auto& row : rows_) row.clear();
     }
 
     void expectSameHeld() const {
-        if (ring_.heldLength() != reference_.held()) {
-            broken("holds " + std::to_string(ring_.heldLength()) + ", expected " + std::to_string(reference_.held()));
+        if (ring_.heldLength() != held()) {
+            broken("holds " + std::to_string(ring_.heldLength()) + ", not " + std::to_string(held()));
         }
     }
 
 private:
+    std::size_t held() const { return rows_[0].size(); }
+
+    void append(std::size_t row, const float* samples, std::size_t n) {
+        rows_[row].insert(rows_[row].end(), samples, samples + n);
+    }
+
     // Runs a push of n samples; returns whether it was accepted. It must
     // be refused, with the buffer untouched, exactly when it does not fit.
     template <typename Push>
-    bool expectOverflowIfFull(std::size_t n, Push&& doPush) {
-        const bool fits = n <= reference_.capacity - reference_.held();
+    bool accepted(std::size_t n, Push&& doPush) {
+        const bool fits = n <= capacity_ - held();
         try {
             doPush();
         } catch (const std::runtime_error& e) {
@@ -120,6 +110,7 @@ private:
             return false;
         }
         if (!fits) broken("a block larger than the free space was accepted");
+        next_ += n;
         return true;
     }
 
@@ -127,18 +118,20 @@ private:
     void expectBlock(const xt::xarray<float>& out, std::size_t n) const {
         const std::size_t returned = out.shape()[out.dimension() - 1];
         if (returned != n) broken("returned " + std::to_string(returned) + " samples, expected " + std::to_string(n));
-        for (std::size_t r = 0; r < batch_ * channels_; ++r) {
+        for (std::size_t r = 0; r < rows_.size(); ++r) {
             for (std::size_t i = 0; i < n; ++i) {
-                if (out.data()[r * n + i] != reference_.rows[r][i]) broken("row " + std::to_string(r) + " sample " +
-                                                                           std::to_string(i) + " differs");
+                if (out.data()[r * n + i] != rows_[r][i]) {
+                    broken("row " + std::to_string(r) + " differs at sample " + std::to_string(i));
+                }
             }
         }
     }
 
     std::size_t batch_;
     std::size_t channels_;
+    std::size_t capacity_;
     tonwerk::BufferAggregator ring_;
-    ReferenceRing reference_;
+    std::vector<std::deque<float>> rows_;  // the reference: every row (batch entry × channel) a queue of samples
     std::size_t next_ = 1;
 };
 
@@ -154,8 +147,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         const int operation = input.ConsumeIntegralInRange(0, 5);
         const std::size_t n = input.ConsumeIntegralInRange<std::size_t>(0, capacity + 2);
         switch (operation) {
-            case 0: session.push(session.newBlock(1, n)); break;
-            case 1: session.push(session.newBlock(batch, n)); break;
+            case 0:
+            case 1: session.push(n, operation == 1); break;
             case 2: session.pushFrames(n, input.ConsumeBool()); break;
             case 3:
             case 4: session.get(n, input.ConsumeIntegralInRange<std::size_t>(0, capacity + 2), operation == 4); break;

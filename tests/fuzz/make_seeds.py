@@ -12,38 +12,33 @@ regressions (process_schedule/empty_interleaved_block: an empty block read in
 place from a null pointer; model_bytes/keyed_empty_model: a key and no model
 bytes, whose empty buffer was wiped through a null pointer).
 """
-
 import os
 import random
 import sys
 
 
-def write(folder, name, data):
+def write(target, name, data):
+    folder = os.path.join(os.path.dirname(os.path.abspath(__file__)), "corpus", target)
     os.makedirs(folder, exist_ok=True)
     with open(os.path.join(folder, name), "wb") as f:
         f.write(data)
 
 
-def main(argv):
-    if len(argv) != 2:
-        sys.exit(__doc__)
-    here = os.path.join(os.path.dirname(os.path.abspath(__file__)), "corpus")
-    models = argv[1]
+def main(models):
     for name in ("identity", "band_split"):
         with open(os.path.join(models, name + ".onnx"), "rb") as f:
-            write(os.path.join(here, "model_bytes"), name, b"\x00" + f.read())
-    with open(os.path.join(models, "identity.onnx"), "rb") as f:
-        plain = f.read()
+            plain = f.read()
+        write("model_bytes", name, b"\x00" + plain)
     key = b"key"
-    scrambled = bytes(b ^ key[i % len(key)] for i, b in enumerate(plain))
-    write(os.path.join(here, "model_bytes"), "identity_keyed", bytes([len(key)]) + key + scrambled)
-
+    write("model_bytes", "identity_keyed", bytes([len(key)]) + key +
+          bytes(b ^ key[i % len(key)] for i, b in enumerate(open(os.path.join(models, "identity.onnx"), "rb").read())))
     generator = random.Random(20261123)
     for target in ("process_schedule", "buffer_aggregator"):
         for length in (16, 64, 256):
-            data = bytes(generator.randrange(256) for _ in range(length))
-            write(os.path.join(here, target), "random_%d" % length, data)
+            write(target, "random_%d" % length, bytes(generator.randrange(256) for _ in range(length)))
 
 
 if __name__ == "__main__":
-    main(sys.argv)
+    if len(sys.argv) != 2:
+        sys.exit(__doc__)
+    main(sys.argv[1])

@@ -14,23 +14,14 @@ namespace {
 
 using ::testing::EndsWith;
 
-// {2, n}: channel 0 counts first, first + 1, ...; channel 1 is the same plus 100.
-xt::xarray<float> ramp(float first, std::size_t n) {
-    xt::xarray<float> chunk = xt::xarray<float>::from_shape({2, n});
-    for (std::size_t i = 0; i < n; ++i) {
-        chunk(0, i) = first + static_cast<float>(i);
-        chunk(1, i) = first + static_cast<float>(i) + 100.0f;
-    }
-    return chunk;
-}
-
 TEST(BufferAggregator, UnderflowWarnsAndReturnsNothing) {
     auto logging = log::LogSetup::trySetUp();
     ASSERT_NE(logging, nullptr);
     BufferAggregator buffer(2, 8, 1);
+    const xt::xarray<float> ramp = {{0.0F, 1.0F, 2.0F}, {100.0F, 101.0F, 102.0F}};
     const std::string printed = test::stdoutOf([&] {
         EXPECT_EQ(buffer.get(0, 0).dimension(), 0u);
-        buffer.push(ramp(0, 3));
+        buffer.push(ramp);
         EXPECT_EQ(buffer.get(4, 0).dimension(), 0u);
     });
     // Only the two warnings print at the default threshold.
@@ -39,7 +30,7 @@ TEST(BufferAggregator, UnderflowWarnsAndReturnsNothing) {
     EXPECT_NE(lines[0].find("[BufferAggregator::get@"), std::string::npos) << printed;
     EXPECT_THAT(lines[0], EndsWith("BufferAggregator::get - cannot return requested size: 0, current length: 0"));
     EXPECT_THAT(lines[1], EndsWith("BufferAggregator::get - cannot return requested size: 4, current length: 3"));
-    EXPECT_EQ(buffer.get(0, 0), ramp(0, 3));
+    EXPECT_EQ(buffer.get(0, 0), ramp);
 }
 
 }  // namespace

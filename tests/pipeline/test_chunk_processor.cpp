@@ -12,10 +12,6 @@
 #include <xtensor/xrandom.hpp>
 #include <xtensor/xview.hpp>
 
-#include <cmath>
-#include <stdexcept>
-#include <vector>
-
 namespace tonwerk {
 namespace {
 
@@ -75,11 +71,8 @@ TEST(StreamPadding, MirrorsWithoutRepeatingTheEdgeThenAddsSilence) {
     EXPECT_THROW(padEnd(data, 7, 0), std::invalid_argument);
     EXPECT_THROW(padFront(data, 7), std::invalid_argument);
     // Nothing to mirror from a single sample, but silence can still follow it.
-    xt::xarray<float> single = xt::xarray<float>::from_shape({2, 1});
-    single(0, 0) = 1.0F;
-    single(1, 0) = 2.0F;
-    const xt::xarray<float> silenced = {{1.0F, 0.0F, 0.0F}, {2.0F, 0.0F, 0.0F}};
-    EXPECT_EQ(padEnd(single, 0, 2), silenced);
+    const xt::xarray<float> single = xt::xtensor<float, 2>{{1.0F}, {2.0F}};
+    EXPECT_EQ(padEnd(single, 0, 2), (xt::xarray<float>{{1.0F, 0.0F, 0.0F}, {2.0F, 0.0F, 0.0F}}));
 }
 
 }  // namespace

@@ -45,7 +45,17 @@ TEST(PFFFTTransformer, PackedLayoutDropsNyquistAndRejectsWhatItCannotTransform) 
 
     EXPECT_THROW(PFFFTTransformer(100, false).forward(zeroRows(1, 100)), std::invalid_argument);
     EXPECT_THROW(PFFFTTransformer(64, false).forward(zeroRows(1, 65)), std::invalid_argument);
-    EXPECT_NO_THROW(PFFFTTransformer(64, true).inverse(zeroRows(1, 66)));
+
+    // The padded layout's inverse ignores its trailing pair.
+    PFFFTTransformer padded(kN, true);
+    auto wide = padded.forward(rows);
+    xt::view(wide, xt::all(), xt::range(kN, kN + 2)) = 99.0f;
+    const auto back = padded.inverse(wide);
+    ASSERT_EQ(back.shape(), rows.shape());
+    for (std::size_t i = 0; i < kN; ++i) {
+        ASSERT_NEAR(back(0, i), 0.5f, 1e-6) << i;
+        ASSERT_NEAR(back(1, i), 0.0f, 1e-6) << i;  // pure Nyquist: dropped
+    }
 }
 
 // Against a double-precision DFT, X[k] = sum x[n] e^{-2 pi i k n / N}. A
@@ -75,29 +85,6 @@ TEST(PFFFTTransformer, ForwardMatchesReferenceDft) {
             }
         }
     }
-}
-
-// Rows with no Nyquist component come back after one 1/N scaling; the
-// tolerance is a few hundred float ulps of the unit-range samples.
-TEST(PFFFTTransformer, InverseUndoesForwardOnBandLimitedRows) {
-    auto input = randomRows(3);
-    for (std::size_t r = 0; r < 3; ++r) {
-        double nyquist = 0.0;
-        for (std::size_t n = 0; n < kN; ++n) nyquist += (n % 2 == 0 ? 1.0 : -1.0) * input(r, n);
-        for (std::size_t n = 0; n < kN; ++n) input(r, n) -= static_cast<float>((n % 2 == 0 ? 1.0 : -1.0) * nyquist / kN);
-    }
-    PFFFTTransformer fft(kN, false);
-    const auto back = fft.inverse(fft.forward(input));
-    ASSERT_EQ(back.shape(), input.shape());
-    EXPECT_TRUE(xt::allclose(back, input, 0.0, 1e-5));
-
-    // The padded layout round-trips as well; its trailing pair is not read.
-    PFFFTTransformer padded(kN, true);
-    auto wide = padded.forward(input);
-    xt::view(wide, xt::all(), xt::range(kN, kN + 2)) = 99.0f;
-    const auto paddedBack = padded.inverse(wide);
-    ASSERT_EQ(paddedBack.shape(), input.shape());
-    EXPECT_TRUE(xt::allclose(paddedBack, input, 0.0, 1e-5));
 }
 
 }  // namespace

@@ -1,3 +1,4 @@
+// The DirectML adapter choice over a fake DXGI: the machine has no adapters.
 #include "inference/dml_adapter.h"
 
 #include "common/logging.h"
@@ -10,12 +11,8 @@
 namespace tonwerk {
 namespace {
 
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
-using ::testing::IsEmpty;
-using ::testing::SizeIs;
-
 constexpr std::uint32_t kNvidia = 0x10DE, kAmd = 0x1002, kAmdAlternative = 0x1022, kIntel = 0x8086;
+constexpr std::uint32_t kFailed = 0x80004005u;
 
 // Adapters by index; enumeration ends at the first index without one. Every
 // adapter handed out must be released before the next is asked for.
@@ -53,72 +50,51 @@ private:
 DxgiAdapterSource::Description hardware(std::uint32_t vendorId) { return {vendorId, 0, u"GPU"}; }
 DxgiAdapterSource::Description software(std::uint32_t vendorId) { return {vendorId, kDxgiAdapterFlagSoftware, u"SW"}; }
 
-class DmlAdapterTest : public ::testing::Test {
-protected:
-    void SetUp() override { ASSERT_NE(logging_, nullptr) << "another logger is active"; }
-    // The chosen index; the log lines of the choice go to `log`.
-    int select() {
-        int index = -1;
-        log = test::linesWith(test::stdoutOf([&] { index = selectDmlAdapterIndex(dxgi); }), "[INFERENCE_onnx]");
-        EXPECT_EQ(dxgi.held, 0);
-        EXPECT_EQ(dxgi.factoryReleased, dxgi.factoryResult == 0);
-        return index;
-    }
-    FakeDxgi dxgi;
-    std::vector<std::string> log;
-
-private:
-    std::unique_ptr<log::LogSetup> logging_ = log::LogSetup::trySetUp();
-};
-
-TEST_F(DmlAdapterTest, HardwareNvidiaBeatsAmdWhichBeatsTheRestAndNothingFallsBackToZero) {
+// Hardware NVIDIA beats AMD, which beats the rest, and nothing falls back to
+// adapter 0; unreadable descriptions are skipped, a failed enumeration stops
+// the search but keeps what was found, a failed factory gives adapter 0.
+TEST(DmlAdapter, ChoosesTheFirstHardwareNvidiaThenAmdAdapterAndWarnsOfDxgiFailures) {
+    const auto logging = log::LogSetup::trySetUp();
+    ASSERT_NE(logging, nullptr) << "another logger is active";
     struct Case {
         std::map<std::uint32_t, DxgiAdapterSource::Description> adapters;
+        std::map<std::uint32_t, std::uint32_t> enumFailures, describeFailures;
+        std::uint32_t factoryResult;
         int expected;
+        std::size_t enumerated;
+        std::string warning;  // the one warning, if any
     };
     const std::vector<Case> cases = {
-        {{}, 0},
-        {{{0, hardware(kAmd)}, {1, software(kNvidia)}, {2, hardware(kNvidia)}, {3, hardware(kNvidia)}}, 2},
-        {{{0, hardware(kIntel)}, {1, software(kAmd)}, {2, hardware(kAmdAlternative)}}, 2},
-        {{{0, hardware(kIntel)}, {1, software(kNvidia)}, {2, software(kAmd)}}, 0},
+        {{}, {}, {}, 0, 0, 1, ""},
+        {{{0, hardware(kAmd)}, {1, software(kNvidia)}, {2, hardware(kNvidia)}, {3, hardware(kNvidia)}}, {}, {}, 0, 2, 5,
+         ""},
+        {{{0, hardware(kIntel)}, {1, software(kAmd)}, {2, hardware(kAmdAlternative)}}, {}, {}, 0, 2, 4, ""},
+        {{{0, hardware(kIntel)}, {1, software(kNvidia)}, {2, software(kAmd)}}, {}, {}, 0, 0, 4, ""},
+        {{{0, hardware(kNvidia)}, {1, hardware(kAmd)}}, {}, {{0, kFailed}}, 0, 1, 3,
+         "Failed to read DXGI adapter description for index 0. HRESULT=2147500037"},
+        {{{0, hardware(kIntel)}, {1, hardware(kAmd)}, {3, hardware(kNvidia)}}, {{2, 0x887A0001u}}, {}, 0, 1, 3,
+         "Failed to enumerate DXGI adapter 2, fallback search stops. HRESULT=2289696769"},
+        {{{0, hardware(kIntel)}, {1, hardware(kNvidia)}}, {}, {}, 0x887A0002u, 0, 0,
+         "Failed to create DXGI factory, fallback to DML adapter 0. HRESULT=2289696770"},
     };
     for (const Case& c : cases) {
-        dxgi = FakeDxgi();
+        FakeDxgi dxgi;
         dxgi.adapters = c.adapters;
-        EXPECT_EQ(select(), c.expected) << c.adapters.size() << " adapters";
-        EXPECT_EQ(dxgi.enumerated.size(), c.adapters.size() + 1);
-        EXPECT_THAT(log, IsEmpty());
+        dxgi.enumFailures = c.enumFailures;
+        dxgi.describeFailures = c.describeFailures;
+        dxgi.factoryResult = c.factoryResult;
+        int index = -1;
+        const auto lines = test::linesWith(test::stdoutOf([&] { index = selectDmlAdapterIndex(dxgi); }), "");
+        SCOPED_TRACE(c.warning);
+        EXPECT_EQ(index, c.expected);
+        EXPECT_EQ(dxgi.enumerated.size(), c.enumerated);
+        EXPECT_EQ(dxgi.held, 0);
+        EXPECT_EQ(dxgi.factoryReleased, c.factoryResult == 0);
+        ASSERT_EQ(lines.size(), c.warning.empty() ? 0u : 1u);
+        if (c.warning.empty()) continue;
+        EXPECT_THAT(lines[0], ::testing::HasSubstr(" WARN  ["));
+        EXPECT_THAT(lines[0], ::testing::EndsWith("] [INFERENCE_onnx] " + c.warning));
     }
-}
-
-TEST_F(DmlAdapterTest, UnreadableDescriptionIsSkippedAndEnumerationGoesOn) {
-    dxgi.adapters = {{0, hardware(kNvidia)}, {1, hardware(kAmd)}};
-    dxgi.describeFailures = {{0, 0x80004005u}};
-    EXPECT_EQ(select(), 1);
-    ASSERT_THAT(log, SizeIs(1));
-    EXPECT_THAT(log[0], HasSubstr("WARN  ["));
-    EXPECT_THAT(log[0],
-                HasSubstr("] [INFERENCE_onnx] Failed to read DXGI adapter description for index 0. HRESULT=2147500037"));
-}
-
-TEST_F(DmlAdapterTest, EnumerationFailureStopsButKeepsEarlierAdapters) {
-    dxgi.adapters = {{0, hardware(kIntel)}, {1, hardware(kAmd)}, {3, hardware(kNvidia)}};
-    dxgi.enumFailures = {{2, 0x887A0001u}};
-    EXPECT_EQ(select(), 1);
-    EXPECT_THAT(dxgi.enumerated, ElementsAre(0u, 1u, 2u));
-    ASSERT_THAT(log, SizeIs(1));
-    EXPECT_THAT(log[0], HasSubstr("] [INFERENCE_onnx] Failed to enumerate DXGI adapter 2, fallback search stops. "
-                                  "HRESULT=2289696769"));
-}
-
-TEST_F(DmlAdapterTest, FactoryFailureFallsBackToZero) {
-    dxgi.adapters = {{0, hardware(kIntel)}, {1, hardware(kNvidia)}};
-    dxgi.factoryResult = 0x887A0002u;
-    EXPECT_EQ(select(), 0);
-    EXPECT_THAT(dxgi.enumerated, IsEmpty());
-    ASSERT_THAT(log, SizeIs(1));
-    EXPECT_THAT(log[0], HasSubstr("] [INFERENCE_onnx] Failed to create DXGI factory, fallback to DML adapter 0. "
-                                  "HRESULT=2289696770"));
 }
 
 TEST(DmlAdapterName, EveryUnitOutsideAsciiBecomesOneQuestionMark) {

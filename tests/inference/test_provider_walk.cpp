@@ -1,3 +1,6 @@
+// The execution-provider walk: against a fake runtime that records what the
+// walk asks for (no GPU provider can start here), and over this machine's
+// real runtime.
 #include "inference/provider_walk.h"
 
 #include "common/logging.h"
@@ -14,17 +17,16 @@
 namespace tonwerk {
 namespace {
 
-using ::testing::ElementsAre;
+using ::testing::AllOf;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
-using ::testing::SizeIs;
 
-// Records the operations the walk asks for. The session held is named after
-// the provider appended in the attempt that built it ("plain" for the CPU).
+// The session held is named after the provider appended in the attempt that
+// built it ("plain" for the CPU).
 class FakeRuntime : public SessionRuntime {
 public:
-    std::vector<std::string> available{"CPUExecutionProvider"};
-    std::set<std::string> failAppend, failCreate;  // provider names: "dml", "cuda", "rocm"
+    std::vector<std::string> available;
+    std::set<std::string> failAppend, failCreate;  // "dml", "cuda", "rocm"
     bool failQuery = false, failPlain = false;
     std::vector<std::string> calls;
     std::string session;
@@ -55,101 +57,77 @@ private:
     std::string attempt_;
 };
 
-class ProviderWalkTest : public ::testing::Test {
-protected:
-    void SetUp() override { ASSERT_NE(logging_, nullptr) << "another logger is active"; }
-    // Walks `runtime` and returns its log lines.
-    static std::vector<std::string> walk(SessionRuntime& runtime, const std::string& preferred = "") {
-        return test::linesWith(test::stdoutOf([&] { walkExecutionProviders(runtime, preferred); }), "[INFERENCE_onnx]");
-    }
-    FakeRuntime runtime;
-
-private:
-    std::unique_ptr<log::LogSetup> logging_ = log::LogSetup::trySetUp();
-};
-
-// Every working provider is built in the walk's order (the preferred one
-// first) and the last one kept; the CPU alone or preferred builds only a plain session.
-TEST_F(ProviderWalkTest, WorkingProvidersAreBuiltQuietlyAndTheLastOneKept) {
+// Every available provider the walk knows is built in its order (the
+// preferred one first), the last that worked is kept, and the CPU is the
+// fallback only when none did; unknown ones warn, failures are logged and the
+// walk moves on; failures outside the attempts are logged and rethrown.
+TEST(ProviderWalk, BuildsEveryWorkingProviderInOrderKeepsTheLastAndFallsBackToTheCpu) {
+    const auto logging = log::LogSetup::trySetUp();
+    ASSERT_NE(logging, nullptr) << "another logger is active";
+    const std::string cpu = "CPUExecutionProvider", dml = "DmlExecutionProvider", cuda = "CUDAExecutionProvider",
+                      rocm = "ROCmExecutionProvider";
+    const std::vector<std::string> dmlThenCuda = {"begin", "append dml", "create dml", "begin", "append cuda",
+                                                  "create cuda"};
     struct Case {
-        std::vector<std::string> available;
+        FakeRuntime runtime;
         std::string preferred;
         std::vector<std::string> calls;
+        std::string session;  // empty: the walk throws
+        std::vector<std::string> log;  // "<severity> <message>" of each [INFERENCE_onnx] line
     };
-    const std::vector<std::string> dmlThenCuda = {"begin", "append dml", "create dml", "begin", "append cuda", "create cuda"};
-    const std::vector<Case> cases = {
-        {{"CPUExecutionProvider"}, "", {"plain"}},
-        {{"DmlExecutionProvider", "CUDAExecutionProvider", "CPUExecutionProvider"}, "CPUExecutionProvider", {"plain"}},
-        {{"CUDAExecutionProvider", "DmlExecutionProvider", "CPUExecutionProvider"}, "", dmlThenCuda},
-        {{"CUDAExecutionProvider", "ROCmExecutionProvider", "CPUExecutionProvider"}, "ROCmExecutionProvider",
-         {"begin", "append rocm", "create rocm", "begin", "append cuda", "create cuda"}},
+    const auto fake = [](std::vector<std::string> available, std::set<std::string> failAppend = {},
+                         std::set<std::string> failCreate = {}) {
+        FakeRuntime runtime;
+        runtime.available = std::move(available);
+        runtime.failAppend = std::move(failAppend);
+        runtime.failCreate = std::move(failCreate);
+        return runtime;
     };
-    for (const Case& c : cases) {
-        FakeRuntime fake;
-        fake.available = c.available;
-        EXPECT_THAT(walk(fake, c.preferred), IsEmpty());
-        EXPECT_EQ(fake.calls, c.calls) << c.preferred;
-        EXPECT_EQ(fake.session, c.calls.size() == 1 ? "plain" : "cuda");
+    std::vector<Case> cases = {
+        {fake({cpu}), "", {"plain"}, "plain", {}},
+        {fake({dml, cuda, cpu}), cpu, {"plain"}, "plain", {}},
+        {fake({cuda, dml, cpu}), "", dmlThenCuda, "cuda", {}},
+        {fake({cuda, rocm, cpu}), rocm, {"begin", "append rocm", "create rocm", "begin", "append cuda", "create cuda"},
+         "cuda", {}},
+        {fake({cpu, "CoreMLExecutionProvider", rocm, cuda, "QNNExecutionProvider", dml}, {"cuda"}, {"dml"}), "",
+         {"begin", "append dml", "create dml", "begin", "begin", "append cuda", "begin", "append rocm", "create rocm",
+          "begin"},
+         "rocm",
+         {"ERROR Failed to init backend: dml session failed", "WARN  Unknown EP: QNNExecutionProvider",
+          "ERROR Failed to init backend: cuda append failed", "WARN  Unknown EP: CoreMLExecutionProvider"}},
+        {fake({cuda, cpu}, {}, {"cuda"}), "", {"begin", "append cuda", "create cuda", "plain"}, "plain",
+         {"ERROR Failed to init backend: cuda session failed"}},
+        {fake({"TensorrtExecutionProvider", cuda, cpu}), "TensorrtExecutionProvider",
+         {"begin", "begin", "append cuda", "create cuda"}, "cuda", {"WARN  Unknown EP: TensorrtExecutionProvider"}},
+        {fake({cpu}), "", {}, "", {"ERROR Failed to initialize ONNX session: provider query failed"}},
+        {fake({cpu}), "", {"plain"}, "", {"ERROR Failed to initialize ONNX session: cpu session failed"}},
+    };
+    cases[7].runtime.failQuery = true;
+    cases[8].runtime.failPlain = true;
+    for (Case& c : cases) {
+        SCOPED_TRACE(c.preferred + " preferred, keeping " + c.session);
+        std::vector<std::string> lines;
+        for (const auto& line : test::linesWith(test::stdoutOf([&] {
+                 if (c.session.empty()) {
+                     EXPECT_THROW(walkExecutionProviders(c.runtime, c.preferred), std::runtime_error);
+                 } else {
+                     walkExecutionProviders(c.runtime, c.preferred);
+                 }
+             }), "[INFERENCE_onnx]")) {
+            const std::size_t message = line.find("] [INFERENCE_onnx] ");
+            lines.push_back(line.substr(24, 5) + " " + line.substr(message + 19));
+        }
+        EXPECT_EQ(c.runtime.calls, c.calls);
+        EXPECT_EQ(c.runtime.session, c.session);
+        EXPECT_EQ(lines, c.log);
     }
-}
-
-TEST_F(ProviderWalkTest, UnknownProvidersWarnAndFailuresMoveOnToTheNext) {
-    runtime.available = {"CPUExecutionProvider",  "CoreMLExecutionProvider", "ROCmExecutionProvider",
-                         "CUDAExecutionProvider", "QNNExecutionProvider",    "DmlExecutionProvider"};
-    runtime.failCreate = {"dml"};
-    runtime.failAppend = {"cuda"};
-    const auto lines = walk(runtime);
-    EXPECT_THAT(runtime.calls, ElementsAre("begin", "append dml", "create dml", "begin" /* QNN */, "begin",
-                                           "append cuda", "begin", "append rocm", "create rocm", "begin" /* CoreML */));
-    EXPECT_EQ(runtime.session, "rocm");
-    ASSERT_THAT(lines, SizeIs(4));
-    EXPECT_THAT(lines[0], HasSubstr("ERROR ["));
-    EXPECT_THAT(lines[0], HasSubstr("] [INFERENCE_onnx] Failed to init backend: dml session failed"));
-    EXPECT_THAT(lines[1], HasSubstr("WARN  ["));
-    EXPECT_THAT(lines[1], HasSubstr("] [INFERENCE_onnx] Unknown EP: QNNExecutionProvider"));
-    EXPECT_THAT(lines[2], HasSubstr("] [INFERENCE_onnx] Failed to init backend: cuda append failed"));
-    EXPECT_THAT(lines[3], HasSubstr("] [INFERENCE_onnx] Unknown EP: CoreMLExecutionProvider"));
-
-    FakeRuntime cudaFails;  // the CPU is the fallback only when no provider succeeded
-    cudaFails.available = {"CUDAExecutionProvider", "CPUExecutionProvider"};
-    cudaFails.failCreate = {"cuda"};
-    EXPECT_THAT(walk(cudaFails), SizeIs(1));
-    EXPECT_THAT(cudaFails.calls, ElementsAre("begin", "append cuda", "create cuda", "plain"));
-    EXPECT_EQ(cudaFails.session, "plain");
-}
-
-TEST_F(ProviderWalkTest, UnknownPreferredProviderIsStillTriedFirst) {
-    runtime.available = {"TensorrtExecutionProvider", "CUDAExecutionProvider", "CPUExecutionProvider"};
-    const auto lines = walk(runtime, "TensorrtExecutionProvider");
-    EXPECT_THAT(runtime.calls, ElementsAre("begin", "begin", "append cuda", "create cuda"));
-    ASSERT_THAT(lines, SizeIs(1));
-    EXPECT_THAT(lines[0], HasSubstr("Unknown EP: TensorrtExecutionProvider"));
-}
-
-TEST_F(ProviderWalkTest, FailuresOutsideTheProviderAttemptsAreLoggedAndRethrown) {
-    for (const bool queryFails : {true, false}) {
-        FakeRuntime failing;
-        failing.failQuery = queryFails;
-        failing.failPlain = !queryFails;
-        const auto lines = test::linesWith(test::stdoutOf([&] {
-            EXPECT_THROW(walkExecutionProviders(failing, ""), std::runtime_error);
-        }), "ERROR");
-        ASSERT_THAT(lines, SizeIs(1));
-        EXPECT_THAT(lines[0], HasSubstr(std::string("[INFERENCE_onnx] Failed to initialize ONNX session: ") +
-                                        (queryFails ? "provider query failed" : "cpu session failed")));
-    }
-}
-
-Ort::Env runtimeEnvironment() {
-    initOnnxRuntime();  // the wrapper classes need the function table first
-    return Ort::Env(ORT_LOGGING_LEVEL_WARNING, "");
 }
 
 // Log lines of the walk itself: the DirectML adapter choice (whose own lines
 // mention DXGI or the DML adapter) speaks only where DirectML is reported.
-std::vector<std::string> walkLines(const std::string& log) {
+std::vector<std::string> walkLines(const std::function<void()>& walk) {
     std::vector<std::string> lines;
-    for (const auto& line : test::linesWith(log, "")) {
+    for (const auto& line : test::linesWith(test::stdoutOf(walk), "")) {
         if (line.find("DXGI") == std::string::npos && line.find("DML adapter") == std::string::npos) {
             lines.push_back(line);
         }
@@ -157,27 +135,28 @@ std::vector<std::string> walkLines(const std::string& log) {
     return lines;
 }
 
-// The walk over this machine's real runtime.
-class RealRuntimeWalkTest : public ProviderWalkTest {
+class RealRuntimeWalk : public ::testing::Test {
 protected:
+    void SetUp() override {
+        ASSERT_NE(logging, nullptr) << "another logger is active";
+        initOnnxRuntime();  // the wrapper classes need the function table first
+        env = std::make_unique<Ort::Env>(ORT_LOGGING_LEVEL_WARNING, "");
+    }
+    std::unique_ptr<log::LogSetup> logging = log::LogSetup::trySetUp();
     const std::vector<unsigned char> model = test::readModel("identity.onnx");
-    Ort::Env env = runtimeEnvironment();
+    std::unique_ptr<Ort::Env> env;
 };
 
-TEST_F(RealRuntimeWalkTest, UnusableGpuProvidersFallBackToAWorkingCpuSession) {
-    OrtSessionRuntime real(env, model.data(), model.size());
+// Only the runtime's own library is shipped, never its GPU provider
+// libraries, so every GPU provider it reports fails to append.
+TEST_F(RealRuntimeWalk, UnusableGpuProvidersFallBackToAWorkingCpuSession) {
+    OrtSessionRuntime real(*env, model.data(), model.size());
     const auto available = real.availableProviders();
-    const std::string log = test::stdoutOf([&] { walkExecutionProviders(real, ""); });
-
-    // Only the runtime's own library is shipped, never its GPU provider
-    // libraries, so every GPU provider it reports fails to append.
-    const auto gpuProviders = std::count(available.begin(), available.end(), "CUDAExecutionProvider") +
-                              std::count(available.begin(), available.end(), "ROCmExecutionProvider");
-    const auto lines = walkLines(log);
-    EXPECT_EQ(static_cast<std::ptrdiff_t>(lines.size()), gpuProviders) << log;
+    const auto lines = walkLines([&] { walkExecutionProviders(real, ""); });
+    const auto count = [&available](const char* name) { return std::count(available.begin(), available.end(), name); };
+    EXPECT_EQ(lines.size(), std::size_t(count("CUDAExecutionProvider") + count("ROCmExecutionProvider")));
     for (const auto& line : lines) {
-        EXPECT_THAT(line, HasSubstr("ERROR"));
-        EXPECT_THAT(line, HasSubstr("] [INFERENCE_onnx] Failed to init backend: "));
+        EXPECT_THAT(line, AllOf(HasSubstr(" ERROR ["), HasSubstr("] [INFERENCE_onnx] Failed to init backend: ")));
     }
     auto session = real.takeSession();
     ASSERT_NE(session, nullptr);
@@ -187,12 +166,14 @@ TEST_F(RealRuntimeWalkTest, UnusableGpuProvidersFallBackToAWorkingCpuSession) {
 // DirectML cannot start here (no DirectML in the Linux runtime, no display
 // for it under Wine); its append is unchecked by design, so the attempt
 // quietly builds a session with the options as they are.
-TEST_F(RealRuntimeWalkTest, FailingDirectMlAppendStillEndsWithASession) {
+TEST_F(RealRuntimeWalk, FailingDirectMlAppendStillEndsWithASession) {
     struct DirectMlReported : OrtSessionRuntime {
         using OrtSessionRuntime::OrtSessionRuntime;
-        std::vector<std::string> availableProviders() override { return {"DmlExecutionProvider", "CPUExecutionProvider"}; }
-    } real(env, model.data(), model.size());
-    EXPECT_THAT(walkLines(test::stdoutOf([&] { walkExecutionProviders(real, ""); })), IsEmpty());
+        std::vector<std::string> availableProviders() override {
+            return {"DmlExecutionProvider", "CPUExecutionProvider"};
+        }
+    } real(*env, model.data(), model.size());
+    EXPECT_THAT(walkLines([&] { walkExecutionProviders(real, ""); }), IsEmpty());
     EXPECT_NE(real.takeSession(), nullptr);
 }
 

@@ -73,14 +73,8 @@ std::vector<std::string> check(const std::string& bytes) {
     return checkModelBytes(reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size());
 }
 
-TEST(ModelContract, TheContractInterfaceReadsBackAndPassesWithInitializers) {
-    const std::string bytes = serialize(contractGraph());
-    const OnnxInterface model = readOnnxInterface(reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size());
-    EXPECT_EQ(model.irVersion, 8);
-    ASSERT_EQ(model.inputs.size(), 7u);
-    EXPECT_EQ(model.inputs[6].name, "electric_guitar_flag");
-    EXPECT_EQ(model.outputs.size(), 6u);
-    EXPECT_EQ(check(bytes), std::vector<std::string>{});
+TEST(ModelContract, TheContractGraphPassesWithInitializersListedAsInputs) {
+    EXPECT_EQ(check(serialize(contractGraph())), std::vector<std::string>{});
 
     // Initializers listed as inputs are not inputs.
     GraphShape graph = contractGraph();

@@ -91,18 +91,6 @@ def identity(output_names=None, flag_stems=FLAG_STEMS, input_shape=SHAPE, output
     return contract_graph("identity", nodes + zeros, inits, input_shape, output_shape, flag_stems, names)
 
 
-def run_mean():
-    """vocals_output = unified_input + 0 * mean(unified_input), the other five outputs zero: the identity for
-    finite input, but one NaN or infinity anywhere in a run's input reaches every value of that run's output,
-    as it would through a network that looks across frames."""
-    names = [output_name(s) for s in OUTPUT_STEMS]
-    nodes = [helper.make_node("ReduceMean", [INPUT], ["mean"], keepdims=1),
-             helper.make_node("Mul", ["mean", "zero"], ["no_mean"]),
-             helper.make_node("Add", [INPUT, "no_mean"], [names[0]])]
-    zeros, inits = zero_nodes(INPUT, names[1:])
-    return contract_graph("run_mean", nodes + zeros, inits)
-
-
 def band_split():
     """Output i keeps bins BAND_EDGES[i] .. BAND_EDGES[i+1]-1 of the last axis, zero elsewhere."""
     nodes, inits = [], [vector("axis", [3])]
@@ -184,7 +172,6 @@ MODELS = {
     "band_split": band_split,
     "gains": gains,
     "flag_gated": flag_gated,
-    "run_mean": run_mean,
     "broken_missing_flag": broken_missing_flag,
     "broken_misnamed_output": broken_misnamed_output,
     "broken_dynamic_output": broken_dynamic_output,

@@ -88,22 +88,17 @@ inline void append(StreamOutput& out, const std::vector<std::vector<float>>& res
     }
 }
 
-// Feeds `signal` in blocks of nextBlock(processor) frames; the block that reaches the end carries eof.
-inline StreamOutput runStream(tonwerk::TonwerkProc& proc, const Stereo& signal, bool interleaved,
-                              const std::function<std::size_t(const tonwerk::TonwerkProc&)>& nextBlock) {
+// Feeds `signal` in blocks of `size` frames; the block that reaches the end carries eof.
+inline StreamOutput runInBlocksOf(tonwerk::TonwerkProc& proc, const Stereo& signal, std::size_t size,
+                                  bool interleaved = true) {
     StreamOutput out;
     for (std::size_t at = 0; at < signal.frames();) {
-        const std::size_t n = std::min(nextBlock(proc), signal.frames() - at);
+        const std::size_t n = std::min(size, signal.frames() - at);
         const auto input = block(signal, at, n, interleaved);
         at += n;
         append(out, proc.process(input, at == signal.frames()), interleaved);
     }
     return out;
-}
-
-inline StreamOutput runInBlocksOf(tonwerk::TonwerkProc& proc, const Stereo& signal, std::size_t size,
-                                  bool interleaved = true) {
-    return runStream(proc, signal, interleaved, [size](const tonwerk::TonwerkProc&) { return size; });
 }
 
 inline Stereo sum(const Stereo& a, const Stereo& b) {

@@ -3,8 +3,7 @@
 // a flush that fits one model run (1000, 257024) and ones that do not
 // (257025, 300000, and 600000 in blocks of 254976, which leaves 342976 frames
 // for the flush); 531441 frames in blocks of maxInputSize() cross two chunk
-// seams first. Random schedules of smaller blocks are in test_proc_invariance
-// and the schedule fuzzer.
+// seams first. Random schedules of smaller blocks are in the schedule fuzzer.
 #include "proc_stream_support.h"
 
 namespace tonwerk_test {

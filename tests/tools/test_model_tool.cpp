@@ -11,8 +11,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-std::string model(const std::string& name) { return std::string(TONWERK_TEST_MODELS_DIR) + "/" + name + ".onnx"; }
-
 std::vector<char> bytesOf(const fs::path& path) {
     std::ifstream in(path, std::ios::binary);
     return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
@@ -27,10 +25,9 @@ std::vector<std::string> dimensionLines(const std::string& detail) {
     return lines;
 }
 
-class ModelTool : public ::testing::Test {
+class ModelTool : public ToolTest {
 protected:
-    ScratchFolder scratch{std::string("model-") + ::testing::UnitTest::GetInstance()->current_test_info()->name()};
-    ToolRun tool(const std::vector<std::string>& args) { return runTool("tonwerk-model", args, scratch.path()); }
+    ToolRun tool(const std::vector<std::string>& args) { return run("tonwerk-model", args); }
 };
 
 TEST_F(ModelTool, CheckAcceptsConformingModelsAndNamesEveryViolationOfTheBrokenOnes) {
@@ -51,11 +48,11 @@ TEST_F(ModelTool, CheckAcceptsConformingModelsAndNamesEveryViolationOfTheBrokenO
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
-        const ToolRun run = tool({"check", model(c.name)});
+        const ToolRun run = tool({"check", testModel(c.name)});
         const std::size_t n = c.violations.size();
         EXPECT_EQ(run.exitStatus, n == 0 ? 0 : 1);
         std::vector<std::string> expected = {
-            model(c.name) + (n == 0 ? ": fits the model contract"
+            testModel(c.name) + (n == 0 ? ": fits the model contract"
                                     : ": " + std::to_string(n) + (n == 1 ? " violation" : " violations") +
                                           " of the model contract")};
         expected.insert(expected.end(), c.violations.begin(), c.violations.end());
@@ -66,8 +63,8 @@ TEST_F(ModelTool, CheckAcceptsConformingModelsAndNamesEveryViolationOfTheBrokenO
 TEST_F(ModelTool, ScrambleAndUnscrambleRoundTripWithTheKey) {
     const fs::path scrambled = scratch / "scrambled.bin";
     const fs::path restored = scratch / "restored.onnx";
-    ASSERT_EQ(tool({"scramble", model("identity"), scrambled.string(), "--key", "Ab"}).exitStatus, 0);
-    const std::vector<char> original = bytesOf(model("identity"));
+    ASSERT_EQ(tool({"scramble", testModel("identity"), scrambled.string(), "--key", "Ab"}).exitStatus, 0);
+    const std::vector<char> original = bytesOf(testModel("identity"));
     const std::vector<char> mixed = bytesOf(scrambled);
     ASSERT_EQ(mixed.size(), original.size());
     for (std::size_t i = 0; i < original.size(); ++i) {
@@ -94,13 +91,13 @@ TEST_F(ModelTool, ScrambleAndUnscrambleRoundTripWithTheKey) {
 
 TEST_F(ModelTool, UsageAndFileErrors) {
     EXPECT_EQ(tool({}).exitStatus, 2);
-    EXPECT_EQ(tool({"scramble", model("identity"), (scratch / "x").string()}).exitStatus, 2);
-    EXPECT_EQ(tool({"inspect", model("identity")}).exitStatus, 2);
-    EXPECT_EQ(tool({"check", model("identity"), "--key", ""}).exitStatus, 2);
+    EXPECT_EQ(tool({"scramble", testModel("identity"), (scratch / "x").string()}).exitStatus, 2);
+    EXPECT_EQ(tool({"inspect", testModel("identity")}).exitStatus, 2);
+    EXPECT_EQ(tool({"check", testModel("identity"), "--key", ""}).exitStatus, 2);
     const ToolRun missing = tool({"check", (scratch / "none.onnx").string()});
     EXPECT_EQ(missing.exitStatus, 3);
     EXPECT_EQ(linesOf(missing.err).size(), 1u);
-    EXPECT_EQ(tool({"scramble", model("identity"), (scratch / "no" / "dir" / "x").string(), "--key", "k"}).exitStatus,
+    EXPECT_EQ(tool({"scramble", testModel("identity"), (scratch / "no" / "dir" / "x").string(), "--key", "k"}).exitStatus,
               3);
 }
 

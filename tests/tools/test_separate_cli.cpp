@@ -19,14 +19,11 @@ namespace fs = std::filesystem;
 
 const std::vector<std::string> allStems = {"vocals",          "drum", "piano",    "acoustic_guitar",
                                            "electric_guitar", "bass", "residual", "mix"};
-std::string testModel(const std::string& name) { return std::string(TONWERK_TEST_MODELS_DIR) + "/" + name + ".onnx"; }
 const std::string identityModel = testModel("identity");
 
-class SeparateCli : public ::testing::Test {
+class SeparateCli : public ToolTest {
 protected:
-    ScratchFolder scratch{std::string("separate-") + ::testing::UnitTest::GetInstance()->current_test_info()->name()};
-
-    ToolRun separate(const std::vector<std::string>& args) { return runTool("tonwerk-separate", args, scratch.path()); }
+    ToolRun separate(const std::vector<std::string>& args) { return run("tonwerk-separate", args); }
 
     // `input` separated through the identity model into `out` with `extra` options.
     ToolRun identity(const std::string& input, const std::string& out, std::vector<std::string> extra = {}) {
@@ -270,8 +267,7 @@ TEST_F(SeparateCli, AModelThatProducesNothingFailsTheRun) {
 
     // The stems not asked for land in the residual: drum and bass each
     // return the input, so the mix is twice the input and the residual minus it.
-    ASSERT_EQ(runTool("tonwerk-model", {"scramble", testModel("flag_gated"), (scratch / "gated.bin").string(), "--key",
-                                        "k3y!"}, scratch.path()).exitStatus, 0);
+    ASSERT_EQ(run("tonwerk-model", {"scramble", testModel("flag_gated"), (scratch / "gated.bin").string(), "--key", "k3y!"}).exitStatus, 0);
     const ToolRun keyed = separate({in, "-o", (scratch / "keyed").string(), "--model", (scratch / "gated.bin").string(),
                                     "--key", "k3y!", "--stems", "drum,bass", "--verbose"});
     ASSERT_EQ(keyed.exitStatus, 0) << keyed.err;
@@ -298,8 +294,7 @@ TEST_F(SeparateCli, FailuresSayOneLineAndLeaveNothingBehind) {
     writeAudio(scratch / "short" / "bass.wav", makeTones(44100, 2, 0.4, 440.0, SF_FORMAT_WAV | SF_FORMAT_FLOAT));
     fs::create_directories(scratch / "mono");
     writeAudio(scratch / "mono" / "bass.wav", makeTones(44100, 1, 0.5, 440.0, SF_FORMAT_WAV | SF_FORMAT_FLOAT));
-    ASSERT_EQ(runTool("tonwerk-model", {"scramble", identityModel, (scratch / "keyed.onnx").string(), "--key", "right"},
-                      scratch.path()).exitStatus, 0);
+    ASSERT_EQ(run("tonwerk-model", {"scramble", identityModel, (scratch / "keyed.onnx").string(), "--key", "right"}).exitStatus, 0);
     const std::string good = (scratch / "good.wav").string(), out = (scratch / "new" / "out").string();
     const auto argsFor = [&](const std::string& input, std::vector<std::string> more) {
         std::vector<std::string> args = {(scratch / input).string(), "-o", out};

@@ -56,6 +56,8 @@ ToolRun runTool(const std::string& program, const std::vector<std::string>& args
     return run;
 }
 
+std::string testModel(const std::string& name) { return std::string(TONWERK_TEST_MODELS_DIR) + "/" + name + ".onnx"; }
+
 std::vector<std::string> linesOf(const std::string& text) {
     std::vector<std::string> lines;
     std::istringstream in(text);

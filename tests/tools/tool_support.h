@@ -1,6 +1,8 @@
 // Running the built tools as child processes, and the audio files they read and write.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -34,6 +36,18 @@ public:
 
 private:
     std::filesystem::path path_;
+};
+
+// A generated test model by name ("identity" for build/models/identity.onnx).
+std::string testModel(const std::string& name);
+
+// Each test runs the built tools in a scratch folder of its own.
+class ToolTest : public ::testing::Test {
+protected:
+    ScratchFolder scratch{::testing::UnitTest::GetInstance()->current_test_info()->name()};
+    ToolRun run(const std::string& program, const std::vector<std::string>& args) {
+        return runTool(program, args, scratch.path());
+    }
 };
 
 struct TestAudio {

@@ -1,10 +1,11 @@
-// One host stream through the identity model (vocals = input, the other five
-// stems silent), checked frame by frame as its output comes back: eight
-// vectors of one length, the vocals equal to the input (silent when not asked
-// for), the other stems silent, the mix equal to the vocals, residual + mix
-// equal to the input, and at eof exactly as many frames back as went in. The
-// soak, the schedule fuzzer and the stream tests drive it; the first two do
-// not link GoogleTest, so a mismatch throws StreamMismatch.
+// Host streams through the public interface. IdentityStreamCheck follows one
+// stream through the identity model (vocals = input, the other five stems
+// silent), checked frame by frame as its output comes back: eight vectors of
+// one length, the vocals equal to the input (silent when not asked for), the
+// other stems silent, the mix equal to the vocals, residual + mix equal to the
+// input, and at eof exactly as many frames back as went in. The soak, the
+// schedule fuzzer and the stream tests drive it; the first two do not link
+// GoogleTest, so a mismatch throws StreamMismatch.
 #pragma once
 
 #include "common/stem_bits.h"
@@ -13,7 +14,11 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
+#include <fstream>
+#include <functional>
+#include <iterator>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -30,6 +35,19 @@ constexpr double kStreamInteriorTolerance = 1e-6;
 constexpr double kStreamEdgeTolerance = 1e-3;
 constexpr std::size_t kStreamEdgeFrames = 4096;
 constexpr double kStreamSumTolerance = 2.5e-7;
+constexpr unsigned kAllStems = tools::kAllStemBits;
+
+// A generated test model of this build, e.g. "identity.onnx".
+inline std::shared_ptr<InferenceContext> loadContext(const std::string& file) {
+    std::ifstream in(std::string(TONWERK_TEST_MODELS_DIR) + "/" + file, std::ios::binary);
+    if (!in) throw std::runtime_error("missing test model " + file);
+    const std::vector<unsigned char> bytes{std::istreambuf_iterator<char>(in), {}};
+    return std::make_shared<InferenceContext>(ModelData{bytes.data(), bytes.size(), ""});
+}
+
+inline TonwerkProcConfig interleavedStereo(unsigned stems = kAllStems) {
+    return tools::configForStemBits(stems, true);
+}
 
 // Stereo tones below 16 kHz, peak below 0.75, periodic in 2^16 frames (every
 // tone a whole number of cycles), so a stream may start at any frame of it.
@@ -55,6 +73,33 @@ inline float toneSample(std::size_t frame, std::size_t channel) {
     return table[2 * (frame % kPeriod) + channel];
 }
 
+// Frames [from, from + frames) of the tones as one interleaved stereo block.
+inline std::vector<float> toneBlock(std::size_t from, std::size_t frames) {
+    std::vector<float> block(2 * frames);
+    for (std::size_t i = 0; i < block.size(); ++i) block[i] = toneSample(from + i / 2, i % 2);
+    return block;
+}
+
+// Every output of a stream: what each call returned, appended in order.
+using StreamOutputs = std::vector<std::vector<float>>;
+
+inline void append(StreamOutputs& all, const std::vector<std::vector<float>>& result) {
+    all.resize(std::max(all.size(), result.size()));
+    for (std::size_t s = 0; s < result.size(); ++s) all[s].insert(all[s].end(), result[s].begin(), result[s].end());
+}
+
+// `frames` of the tones, interleaved, in blocks of `size`; the block that reaches the end carries eof.
+inline StreamOutputs runInBlocksOf(TonwerkProc& proc, std::size_t frames, std::size_t size) {
+    StreamOutputs all;
+    for (std::size_t at = 0; at < frames;) {
+        const std::size_t n = std::min(size, frames - at);
+        const auto input = toneBlock(at, n);
+        at += n;
+        append(all, proc.process(input, at == frames));
+    }
+    return all;
+}
+
 class StreamMismatch : public std::runtime_error {
 public:
     using std::runtime_error::runtime_error;
@@ -62,13 +107,17 @@ public:
 
 class IdentityStreamCheck {
 public:
-    // The stream plays toneSample from frame `signalStart` on.
+    using Process = std::function<std::vector<std::vector<float>>(const std::vector<float>& block, bool eof)>;
+
+    // The stream plays toneSample from frame `signalStart` on. Without a
+    // context there is no processor: the caller hands each block to its own.
     IdentityStreamCheck(std::shared_ptr<InferenceContext> context, unsigned stems, bool interleaved,
                         std::int32_t channels = 2, std::size_t signalStart = 0)
-        : proc_(std::move(context), tools::configForStemBits(stems, interleaved, channels)),
-          stems_(stems), interleaved_(interleaved), channels_(channels), streamStart_(signalStart) {}
+        : stems_(stems), interleaved_(interleaved), channels_(channels), streamStart_(signalStart) {
+        if (context) proc_.emplace(std::move(context), tools::configForStemBits(stems, interleaved, channels));
+    }
 
-    TonwerkProc& processor() { return proc_; }
+    TonwerkProc& processor() { return *proc_; }
     // Frames accepted and frames returned since the stream (re)started.
     std::size_t sent() const { return sent_; }
     std::size_t returned() const { return returned_; }
@@ -88,10 +137,12 @@ public:
         return block;
     }
 
-    // Streams the next `frames` frames and checks what comes back. What
-    // process() throws passes through, and the frames then count as not sent.
-    void send(std::size_t frames, bool eof) {
-        const auto result = proc_.process(nextBlock(frames), eof);
+    // Streams the next `frames` frames through the processor, or `process`,
+    // and checks what comes back. What the call throws passes through, and
+    // the frames then count as not sent.
+    void send(std::size_t frames, bool eof, const Process& process = {}) {
+        const auto block = nextBlock(frames);
+        const auto result = process ? process(block, eof) : proc_->process(block, eof);
         sent_ += frames;
         check(result);
         if (!eof) return;
@@ -142,7 +193,7 @@ private:
         }
     }
 
-    TonwerkProc proc_;
+    std::optional<TonwerkProc> proc_;
     unsigned stems_;
     bool interleaved_;
     std::int32_t channels_;

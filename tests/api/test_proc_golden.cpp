@@ -2,13 +2,17 @@
 // exact functions of their input (bin slices, gains, copies), in several block
 // schedules, layouts and stem choices, must give exactly the bits they gave
 // when these hashes were recorded. Any change to the arithmetic of the
-// pipeline (order of operations, a skipped step) shows here; a change that is
-// meant to alter results must update the hashes and say why.
-#include "proc_stream_support.h"
+// pipeline (order of operations, a skipped step, a stem in the wrong place)
+// shows here; a change that is meant to alter results must update the hashes
+// and say why. band_split.onnx keeps disjoint bands of bins per stem, gains.onnx
+// scales the input by 1 to 6 in stem order.
+#include "identity_stream_check.h"
+#include "test_support.h"
 
+#include <array>
 #include <cstdint>
 
-namespace tonwerk_test {
+namespace tonwerk::test {
 namespace {
 
 // FNV-1a over the bytes of every output of every call, and each output's size, in order.
@@ -20,18 +24,43 @@ void hashInto(std::uint64_t& hash, const std::vector<std::vector<float>>& result
     }
 }
 
-// Tones across the whole band, a transient and a stretch of silence, so that
-// stems of every band carry sound, and silent frames occur.
-Stereo goldenSignal(std::size_t frames) {
-    Stereo s = bandLimitedSignal(frames);
-    s = sum(s, {sines(frames, {{19000.0, 0.05, 0.2}, {900.0, 0.1, 0.0}}), sines(frames, {{60.0, 0.2, 0.0}})});
-    for (std::size_t i = 300000; i < 360000 && i < frames; ++i) s.left[i] = s.right[i] = 0.0F;
-    s.left[123457] = 0.9F;
+// Sum of sines {hz, amplitude, phase} at 44.1 kHz.
+std::vector<float> sines(std::size_t frames, const std::vector<std::array<double, 3>>& partials) {
+    std::vector<float> out(frames);
+    for (std::size_t i = 0; i < frames; ++i) {
+        double v = 0.0;
+        for (const auto& p : partials) v += p[1] * std::sin(2.0 * kPi * p[0] * i / 44100.0 + p[2]);
+        out[i] = static_cast<float>(v);
+    }
+    return out;
+}
+
+// Interleaved stereo: tones across the whole band, a transient and a stretch
+// of silence, so that stems of every band carry sound, and silent frames occur.
+std::vector<float> goldenSignal(std::size_t frames) {
+    const std::vector<float> parts[2][2] = {
+        {sines(frames, {{220.0, 0.4, 0.0}, {3100.7, 0.2, 0.5}, {15500.0, 0.1, 1.0}}),
+         sines(frames, {{19000.0, 0.05, 0.2}, {900.0, 0.1, 0.0}})},
+        {sines(frames, {{331.0, 0.35, 1.0}, {7000.0, 0.2, 0.0}, {12345.6, 0.15, 2.0}}),
+         sines(frames, {{60.0, 0.2, 0.0}})}};
+    std::vector<float> s(2 * frames);
+    for (std::size_t i = 0; i < 2 * frames; ++i) {
+        const bool silent = i / 2 >= 300000 && i / 2 < 360000;
+        s[i] = silent ? 0.0F : parts[i % 2][0][i / 2] + parts[i % 2][1][i / 2];
+    }
+    s[2 * 123457] = 0.9F;
     return s;
 }
 
+std::vector<float> block(const std::vector<float>& signal, std::size_t at, std::size_t n, bool interleaved) {
+    std::vector<float> out(signal.begin() + 2 * at, signal.begin() + 2 * (at + n));
+    for (std::size_t i = 0; !interleaved && i < 2 * n; ++i) out[i % 2 * n + i / 2] = signal[2 * at + i];
+    return out;
+}
+
 TEST(GoldenStreams, EveryOutputBitIsAsRecorded) {
-    const Stereo signal = goldenSignal(600000);
+    constexpr std::size_t kFrames = 600000;
+    const std::vector<float> signal = goldenSignal(kFrames);
     // The C libraries' sine and cosine (test signal, window) differ in the
     // last bit between the two platforms, so each has its own record.
     const struct {
@@ -49,13 +78,13 @@ TEST(GoldenStreams, EveryOutputBitIsAsRecorded) {
         {"identity.onnx", kAllStems, false, {1024}, 13993569576661167403ULL, 2087860355478519551ULL},
     };
     for (const auto& g : streams) {
-        tonwerk::TonwerkProc proc(loadContext(g.model), makeConfig(g.interleaved, g.stems));
+        TonwerkProc proc(loadContext(g.model), tools::configForStemBits(g.stems, g.interleaved));
         std::uint64_t hash = 0xCBF29CE484222325ULL;
-        for (std::size_t call = 0, at = 0; at < signal.frames(); ++call) {
-            const std::size_t n = std::min(g.blocks[call % g.blocks.size()], signal.frames() - at);
+        for (std::size_t call = 0, at = 0; at < kFrames; ++call) {
+            const std::size_t n = std::min(g.blocks[call % g.blocks.size()], kFrames - at);
             const auto input = block(signal, at, n, g.interleaved);
             at += n;
-            hashInto(hash, proc.process(input, at == signal.frames()));
+            hashInto(hash, proc.process(input, at == kFrames));
         }
 #if defined(_WIN32)
         EXPECT_EQ(hash, g.onWindows) << g.model << " stems " << g.stems;
@@ -66,4 +95,4 @@ TEST(GoldenStreams, EveryOutputBitIsAsRecorded) {
 }
 
 }  // namespace
-}  // namespace tonwerk_test
+}  // namespace tonwerk::test

@@ -1,8 +1,10 @@
 // The processor's contract with the host: when output starts, what
-// maxInputSize reports, a missing model, sharing of models, calls after the
-// end, moving handles and the shallow copy assignment. Block sizes, layouts,
-// overflow and malformed blocks are fuzzed (tests/fuzz/fuzz_process_schedule).
-#include "proc_stream_support.h"
+// maxInputSize reports, a missing model, calls after the end, moving handles
+// and the shallow copy assignment. Block sizes, layouts, overflow and
+// malformed blocks are fuzzed (tests/fuzz/fuzz_process_schedule); processors
+// sharing a context are in test_proc_threads.
+#include "identity_stream_check.h"
+#include "test_support.h"
 
 #include <new>
 #include <optional>
@@ -12,7 +14,7 @@
 #include <sanitizer/lsan_interface.h>
 #endif
 
-namespace tonwerk_test {
+namespace tonwerk::test {
 namespace {
 
 TEST(ProcThresholds, OutputStartsAtExactly257024FramesAndMaxInputSizeShrinksAfterIt) {
@@ -28,35 +30,12 @@ TEST(ProcThresholds, OutputStartsAtExactly257024FramesAndMaxInputSizeShrinksAfte
 
 TEST(ProcConstruction, MissingContextIsReported) {
     auto context = loadContext("identity.onnx");
-    auto emptied = std::make_shared<tonwerk::InferenceContext>(std::move(*context));
-    for (auto& missing : {std::shared_ptr<tonwerk::InferenceContext>(), context}) {  // none; moved from
-        EXPECT_EQ(tonwerk::test::runtimeErrorOf([&] { tonwerk::TonwerkProc proc(missing, makeConfig(true)); }),
+    auto emptied = std::make_shared<InferenceContext>(std::move(*context));
+    for (auto& missing : {std::shared_ptr<InferenceContext>(), context}) {  // none; moved from
+        EXPECT_EQ(runtimeErrorOf([&] { TonwerkProc proc(missing, interleavedStereo()); }),
                   "Inference context is not provided");
     }
-    EXPECT_EQ(tonwerk::TonwerkProc(emptied, makeConfig(true)).maxInputSize(), 257024u);
-}
-
-// Processors on one context, interleaving their calls, each match a
-// processor alone (300000 frames: two model runs).
-TEST(ProcSharing, ProcessorsOnOneContextDoNotDisturbEachOther) {
-    constexpr std::size_t kFrames = 300000, kBlock = 65536;
-    const Stereo signal = bandLimitedSignal(kFrames);
-    tonwerk::TonwerkProc alone(loadContext("band_split.onnx"), makeConfig(true));
-    const StreamOutput reference = runInBlocksOf(alone, signal, kBlock);
-    ASSERT_EQ(reference.frames(), kFrames);
-
-    auto shared = loadContext("band_split.onnx");
-    std::vector<tonwerk::TonwerkProc> procs;
-    for (int i = 0; i < 4; ++i) procs.emplace_back(shared, makeConfig(true));
-    shared.reset();  // the processors keep the context alive
-    std::array<StreamOutput, 4> outputs;
-    for (std::size_t at = 0; at < kFrames; at += kBlock) {
-        const std::size_t n = std::min(kBlock, kFrames - at);
-        for (std::size_t i = 0; i < procs.size(); ++i) {
-            append(outputs[i], procs[i].process(block(signal, at, n, true), at + n == kFrames), true);
-        }
-    }
-    for (const auto& output : outputs) expectSameOutput(output, reference);
+    EXPECT_EQ(TonwerkProc(emptied, interleavedStereo()).maxInputSize(), 257024u);
 }
 
 // A processor serves one stream, but calls past its end are defined: eof
@@ -80,61 +59,61 @@ struct LeaksExpected {
 #endif
 };
 
-static_assert(!std::is_copy_constructible_v<tonwerk::TonwerkProc>, "copies would free one stream twice");
-static_assert(std::is_nothrow_move_constructible_v<tonwerk::TonwerkProc> &&
-              std::is_nothrow_move_assignable_v<tonwerk::TonwerkProc>, "handles relocate in containers");
+static_assert(!std::is_copy_constructible_v<TonwerkProc>, "copies would free one stream twice");
+static_assert(std::is_nothrow_move_constructible_v<TonwerkProc> && std::is_nothrow_move_assignable_v<TonwerkProc>,
+              "handles relocate in containers");
 
 // Each stream travels with its handle through reallocations and moves; a
 // moved-from handle is empty, and assigning over a handle ends its stream.
 TEST(ProcMoves, StreamsFollowTheirHandles) {
-    const Stereo signal = bandLimitedSignal(6000);
+    const auto first = toneBlock(0, 3000), rest = toneBlock(3000, 3000);
     auto context = loadContext("identity.onnx");
-    std::vector<tonwerk::TonwerkProc> procs;
+    TonwerkProc alone(context, interleavedStereo());
+    alone.process(first, false);
+    const auto expected = alone.process(rest, true);
+    ASSERT_EQ(expected.at(0).size(), 2u * 6000u);
+    std::vector<TonwerkProc> procs;
     for (int i = 0; i < 5; ++i) {
-        procs.emplace_back(context, makeConfig(true));
-        ASSERT_TRUE(procs.back().process(block(signal, 0, 3000, true), false).empty());
+        procs.emplace_back(context, interleavedStereo());
+        ASSERT_TRUE(procs.back().process(first, false).empty());
     }
-    tonwerk::TonwerkProc moved(std::move(procs[0]));
-    EXPECT_EQ(tonwerk::test::runtimeErrorOf([&] { procs[0].maxInputSize(); }), "Processor is not prepared");
+    TonwerkProc moved(std::move(procs[0]));
+    EXPECT_EQ(runtimeErrorOf([&] { procs[0].maxInputSize(); }), "Processor is not prepared");
     procs[1] = std::move(moved);
     auto& self = procs[2];
     procs[2] = std::move(self);
     // Back to one owner after a shallow copy: the moved-from twin lets go.
-    std::optional<tonwerk::TonwerkProc> twin;
+    std::optional<TonwerkProc> twin;
     {
         [[maybe_unused]] LeaksExpected leaks;  // twin's own stream, dropped by the copy
-        twin.emplace(context, makeConfig(true));
+        twin.emplace(context, interleavedStereo());
     }
     *twin = procs[3];
     procs[3] = std::move(*twin);
     procs.erase(procs.begin());
-    for (auto& proc : procs) {
-        StreamOutput out;
-        append(out, proc.process(block(signal, 3000, 3000, true), true), true);
-        expectIdentityOutput(out, signal);
-    }
+    for (auto& proc : procs) EXPECT_EQ(proc.process(rest, true), expected);
 }
 
 // The target is never destroyed: it would free the source's implementation a
 // second time. Its own former implementation leaks by design of the assignment.
 TEST(ProcCopyAssignment, BothHandlesDriveOneStream) {
     auto context = loadContext("identity.onnx");
-    tonwerk::TonwerkProc source(context, makeConfig(true));
-    alignas(tonwerk::TonwerkProc) unsigned char storage[sizeof(tonwerk::TonwerkProc)];
-    tonwerk::TonwerkProc* target = nullptr;
+    TonwerkProc source(context, interleavedStereo());
+    alignas(TonwerkProc) unsigned char storage[sizeof(TonwerkProc)];
+    TonwerkProc* target = nullptr;
     {
         [[maybe_unused]] LeaksExpected leaks;
-        target = new (storage) tonwerk::TonwerkProc(context, makeConfig(true));
+        target = new (storage) TonwerkProc(context, interleavedStereo());
     }
     *target = source;
     // 257023 frames through one handle are one short of the first result;
     // the next frame through the other completes it.
     EXPECT_TRUE(source.process(std::vector<float>(2 * 257023, 0.25F), false).empty());
     const auto stems = target->process(std::vector<float>(2, 0.25F), false);
-    ASSERT_EQ(stems.size(), kOutputCount);
+    ASSERT_EQ(stems.size(), 8u);
     EXPECT_EQ(stems[0].size(), 2U * (257024U - 4096U));
     EXPECT_EQ(source.maxInputSize(), 254976U);
 }
 
 }  // namespace
-}  // namespace tonwerk_test
+}  // namespace tonwerk::test

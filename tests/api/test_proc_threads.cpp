@@ -4,30 +4,36 @@
 // run fails). Built with ThreadSanitizer this is the race check of the
 // library's shared state; in every build it checks that no stream is disturbed
 // and that every printed record is whole.
-#include "proc_stream_support.h"
+#include "identity_stream_check.h"
+#include "test_support.h"
 
+#include <array>
 #include <atomic>
+#include <functional>
 #include <regex>
 #include <sstream>
 #include <thread>
 
-namespace tonwerk_test {
+namespace tonwerk::test {
 namespace {
 
 constexpr std::size_t kFrames = 300000;  // two model runs
 constexpr std::size_t kBlock = 65536;
 constexpr int kStreamingThreads = 3;
 
+// Each streaming thread drives two processors call by call: one on the
+// context it built, one on a context all of them share, which the host lets
+// go of once the threads hold it.
 TEST(ProcThreads, ContextsBuiltAndStreamedAtOnceWhileTheLoggingOwnerGoes) {
-    const Stereo signal = bandLimitedSignal(kFrames);
-    tonwerk::TonwerkProc alone(loadContext("band_split.onnx"), makeConfig(true));
-    const StreamOutput reference = runInBlocksOf(alone, signal, kBlock);
+    TonwerkProc alone(loadContext("band_split.onnx"), interleavedStereo());
+    const StreamOutputs reference = runInBlocksOf(alone, kFrames, kBlock);
 
-    std::array<StreamOutput, kStreamingThreads> outputs;
+    std::array<std::array<StreamOutputs, 2>, kStreamingThreads> outputs;
     std::array<std::string, kStreamingThreads + 1> errors;
     std::size_t failedRunsReturned = 0;
-    const std::string printed = tonwerk::test::stdoutOf([&] {
+    const std::string printed = stdoutOf([&] {
         auto owner = loadContext("identity.onnx");  // built first, so it owns logging
+        auto shared = loadContext("band_split.onnx");
         std::atomic<int> notBuilt{kStreamingThreads + 2};
         const auto builtAndWait = [&notBuilt] {
             notBuilt.fetch_sub(1);
@@ -44,33 +50,42 @@ TEST(ProcThreads, ContextsBuiltAndStreamedAtOnceWhileTheLoggingOwnerGoes) {
         };
         std::vector<std::thread> threads;
         for (int i = 0; i < kStreamingThreads; ++i) {
-            threads.push_back(guarded(i, [&, i] {
+            threads.push_back(guarded(i, [&, i, mine = shared] {
                 auto context = loadContext("band_split.onnx");
+                TonwerkProc own(context, interleavedStereo()), onShared(mine, interleavedStereo());
                 builtAndWait();
-                tonwerk::TonwerkProc proc(context, makeConfig(i != 1));
-                outputs[i] = runInBlocksOf(proc, signal, kBlock, i != 1);
+                for (std::size_t at = 0; at < kFrames; at += kBlock) {
+                    const std::size_t n = std::min(kBlock, kFrames - at);
+                    const auto input = toneBlock(at, n);
+                    append(outputs[i][0], own.process(input, at + n == kFrames));
+                    append(outputs[i][1], onShared.process(input, at + n == kFrames));
+                }
             }));
         }
         threads.push_back(guarded(kStreamingThreads, [&] {
-            tonwerk::TonwerkProc proc(loadContext("broken_runtime_error.onnx"), makeConfig(true));
+            TonwerkProc proc(loadContext("broken_runtime_error.onnx"), interleavedStereo());
             builtAndWait();
             for (int run = 0; run < 4; ++run) {
-                failedRunsReturned += proc.process(block(signal, 0, 257024, true), false).empty() ? 0 : 1;
+                failedRunsReturned += proc.process(toneBlock(0, 257024), false).empty() ? 0 : 1;
             }
         }));
+        shared.reset();
         builtAndWait();
         owner.reset();
         for (auto& thread : threads) thread.join();
     });
 
     for (const auto& error : errors) EXPECT_EQ(error, "");
-    for (const auto& output : outputs) expectSameOutput(output, reference);
+    for (const auto& pair : outputs) {
+        EXPECT_EQ(pair[0], reference);
+        EXPECT_EQ(pair[1], reference);
+    }
     EXPECT_EQ(failedRunsReturned, 4u) << "a failed model run still returns its (silent) stretch";
     const std::regex record(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} (ERROR|WARN ) \[\d+\] \[[^@\]]+@\d+\] .*)");
-    for (const auto& line : tonwerk::test::linesWith(printed, "")) {
+    for (const auto& line : linesWith(printed, "")) {
         EXPECT_TRUE(line.empty() || std::regex_match(line, record)) << line;
     }
 }
 
 }  // namespace
-}  // namespace tonwerk_test
+}  // namespace tonwerk::test

@@ -12,8 +12,6 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
-#include <iterator>
 
 namespace {
 
@@ -26,12 +24,7 @@ constexpr std::size_t kMaxStreamFrames = 320000;  // one model run and a flush: 
 }
 
 std::shared_ptr<tonwerk::InferenceContext> identityContext() {
-    static const std::shared_ptr<tonwerk::InferenceContext> context = [] {
-        std::ifstream file(TONWERK_FUZZ_MODELS_DIR "/identity.onnx", std::ios::binary);
-        const std::vector<unsigned char> bytes{std::istreambuf_iterator<char>(file), {}};
-        if (bytes.empty()) broken("identity.onnx not found in " TONWERK_FUZZ_MODELS_DIR);
-        return std::make_shared<tonwerk::InferenceContext>(tonwerk::ModelData{bytes.data(), bytes.size(), ""});
-    }();
+    static const auto context = tonwerk::test::loadContext("identity.onnx");
     return context;
 }
 

@@ -21,39 +21,43 @@ using ::testing::AllOf;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 
+// Records the calls the walk makes ("append cuda", "create cuda", "plain"...)
+// and throws from those listed as failing ("query" fails the provider query).
 // The session held is named after the provider appended in the attempt that
 // built it ("plain" for the CPU).
 class FakeRuntime : public SessionRuntime {
 public:
-    std::vector<std::string> available;
-    std::set<std::string> failAppend, failCreate;  // "dml", "cuda", "rocm"
-    bool failQuery = false, failPlain = false;
+    FakeRuntime(std::vector<std::string> available, std::set<std::string> failing)
+        : available_(std::move(available)), failing_(std::move(failing)) {}
     std::vector<std::string> calls;
     std::string session;
 
     std::vector<std::string> availableProviders() override {
-        if (failQuery) throw std::runtime_error("provider query failed");
-        return available;
+        if (failing_.count("query") != 0) throw std::runtime_error("query failed");
+        return available_;
     }
     void beginAttempt() override { calls.push_back("begin"); }
     void appendProvider(ProviderKind kind) override {
         attempt_ = kind == ProviderKind::directMl ? "dml" : kind == ProviderKind::cuda ? "cuda" : "rocm";
-        calls.push_back("append " + attempt_);
-        if (failAppend.count(attempt_) != 0) throw std::runtime_error(attempt_ + " append failed");
+        call("append " + attempt_);
     }
     void createSession() override {
-        calls.push_back("create " + attempt_);
-        if (failCreate.count(attempt_) != 0) throw std::runtime_error(attempt_ + " session failed");
+        call("create " + attempt_);
         session = attempt_;
     }
     void createPlainSession() override {
-        calls.push_back("plain");
-        if (failPlain) throw std::runtime_error("cpu session failed");
+        call("plain");
         session = "plain";
     }
     bool hasSession() const override { return !session.empty(); }
 
 private:
+    void call(const std::string& what) {
+        calls.push_back(what);
+        if (failing_.count(what) != 0) throw std::runtime_error(what + " failed");
+    }
+    std::vector<std::string> available_;
+    std::set<std::string> failing_;
     std::string attempt_;
 };
 
@@ -66,59 +70,50 @@ TEST(ProviderWalk, BuildsEveryWorkingProviderInOrderKeepsTheLastAndFallsBackToTh
     ASSERT_NE(logging, nullptr) << "another logger is active";
     const std::string cpu = "CPUExecutionProvider", dml = "DmlExecutionProvider", cuda = "CUDAExecutionProvider",
                       rocm = "ROCmExecutionProvider";
-    const std::vector<std::string> dmlThenCuda = {"begin", "append dml", "create dml", "begin", "append cuda",
-                                                  "create cuda"};
     struct Case {
-        FakeRuntime runtime;
+        std::vector<std::string> available;
+        std::set<std::string> failing;
         std::string preferred;
         std::vector<std::string> calls;
         std::string session;  // empty: the walk throws
         std::vector<std::string> log;  // "<severity> <message>" of each [INFERENCE_onnx] line
     };
-    const auto fake = [](std::vector<std::string> available, std::set<std::string> failAppend = {},
-                         std::set<std::string> failCreate = {}) {
-        FakeRuntime runtime;
-        runtime.available = std::move(available);
-        runtime.failAppend = std::move(failAppend);
-        runtime.failCreate = std::move(failCreate);
-        return runtime;
-    };
-    std::vector<Case> cases = {
-        {fake({cpu}), "", {"plain"}, "plain", {}},
-        {fake({dml, cuda, cpu}), cpu, {"plain"}, "plain", {}},
-        {fake({cuda, dml, cpu}), "", dmlThenCuda, "cuda", {}},
-        {fake({cuda, rocm, cpu}), rocm, {"begin", "append rocm", "create rocm", "begin", "append cuda", "create cuda"},
+    const std::vector<Case> cases = {
+        {{cpu}, {}, "", {"plain"}, "plain", {}},
+        {{dml, cuda, cpu}, {}, cpu, {"plain"}, "plain", {}},
+        {{cuda, dml, cpu}, {}, "", {"begin", "append dml", "create dml", "begin", "append cuda", "create cuda"}, "cuda",
+         {}},
+        {{cuda, rocm, cpu}, {}, rocm, {"begin", "append rocm", "create rocm", "begin", "append cuda", "create cuda"},
          "cuda", {}},
-        {fake({cpu, "CoreMLExecutionProvider", rocm, cuda, "QNNExecutionProvider", dml}, {"cuda"}, {"dml"}), "",
+        {{cpu, "CoreMLExecutionProvider", rocm, cuda, "QNNExecutionProvider", dml}, {"append cuda", "create dml"}, "",
          {"begin", "append dml", "create dml", "begin", "begin", "append cuda", "begin", "append rocm", "create rocm",
           "begin"},
          "rocm",
-         {"ERROR Failed to init backend: dml session failed", "WARN  Unknown EP: QNNExecutionProvider",
-          "ERROR Failed to init backend: cuda append failed", "WARN  Unknown EP: CoreMLExecutionProvider"}},
-        {fake({cuda, cpu}, {}, {"cuda"}), "", {"begin", "append cuda", "create cuda", "plain"}, "plain",
-         {"ERROR Failed to init backend: cuda session failed"}},
-        {fake({"TensorrtExecutionProvider", cuda, cpu}), "TensorrtExecutionProvider",
+         {"ERROR Failed to init backend: create dml failed", "WARN  Unknown EP: QNNExecutionProvider",
+          "ERROR Failed to init backend: append cuda failed", "WARN  Unknown EP: CoreMLExecutionProvider"}},
+        {{cuda, cpu}, {"create cuda"}, "", {"begin", "append cuda", "create cuda", "plain"}, "plain",
+         {"ERROR Failed to init backend: create cuda failed"}},
+        {{"TensorrtExecutionProvider", cuda, cpu}, {}, "TensorrtExecutionProvider",
          {"begin", "begin", "append cuda", "create cuda"}, "cuda", {"WARN  Unknown EP: TensorrtExecutionProvider"}},
-        {fake({cpu}), "", {}, "", {"ERROR Failed to initialize ONNX session: provider query failed"}},
-        {fake({cpu}), "", {"plain"}, "", {"ERROR Failed to initialize ONNX session: cpu session failed"}},
+        {{cpu}, {"query"}, "", {}, "", {"ERROR Failed to initialize ONNX session: query failed"}},
+        {{cpu}, {"plain"}, "", {"plain"}, "", {"ERROR Failed to initialize ONNX session: plain failed"}},
     };
-    cases[7].runtime.failQuery = true;
-    cases[8].runtime.failPlain = true;
-    for (Case& c : cases) {
+    for (const Case& c : cases) {
         SCOPED_TRACE(c.preferred + " preferred, keeping " + c.session);
+        FakeRuntime runtime(c.available, c.failing);
         std::vector<std::string> lines;
         for (const auto& line : test::linesWith(test::stdoutOf([&] {
                  if (c.session.empty()) {
-                     EXPECT_THROW(walkExecutionProviders(c.runtime, c.preferred), std::runtime_error);
+                     EXPECT_THROW(walkExecutionProviders(runtime, c.preferred), std::runtime_error);
                  } else {
-                     walkExecutionProviders(c.runtime, c.preferred);
+                     walkExecutionProviders(runtime, c.preferred);
                  }
              }), "[INFERENCE_onnx]")) {
             const std::size_t message = line.find("] [INFERENCE_onnx] ");
             lines.push_back(line.substr(24, 5) + " " + line.substr(message + 19));
         }
-        EXPECT_EQ(c.runtime.calls, c.calls);
-        EXPECT_EQ(c.runtime.session, c.session);
+        EXPECT_EQ(runtime.calls, c.calls);
+        EXPECT_EQ(runtime.session, c.session);
         EXPECT_EQ(lines, c.log);
     }
 }

@@ -108,11 +108,7 @@ int soak(const Options& options) {
     std::shared_ptr<tonwerk::InferenceContext> context;
     restartPeak();
     for (; Clock::now() - start < std::chrono::duration<double>(60.0 * options.minutes); ++streams) {
-        if (streams % kReloadEvery == 0) {
-            std::ifstream file(TONWERK_MODELS_DIR "/identity.onnx", std::ios::binary);
-            const std::vector<unsigned char> bytes{std::istreambuf_iterator<char>(file), {}};
-            context = std::make_shared<tonwerk::InferenceContext>(tonwerk::ModelData{bytes.data(), bytes.size(), ""});
-        }
+        if (streams % kReloadEvery == 0) context = tonwerk::test::loadContext("identity.onnx");
         const std::size_t length = oneIn(random, 64) ? 0 : logUniform(random, maxFrames);
         IdentityStreamCheck stream(context, random() % 64, oneIn(random, 2), 2, random() % 1000000);
         calls += streamOnce(stream, length, random);

@@ -3,18 +3,11 @@
 
 #include <gtest/gtest.h>
 
-#include <fstream>
-#include <iterator>
 
 namespace tonwerk::test {
 namespace {
 
 namespace fs = std::filesystem;
-
-std::vector<char> bytesOf(const fs::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
 
 std::vector<std::string> dimensionLines(const std::string& detail) {
     std::vector<std::string> lines;
@@ -64,8 +57,8 @@ TEST_F(ModelTool, ScrambleAndUnscrambleRoundTripWithTheKey) {
     const fs::path scrambled = scratch / "scrambled.bin";
     const fs::path restored = scratch / "restored.onnx";
     ASSERT_EQ(tool({"scramble", testModel("identity"), scrambled.string(), "--key", "Ab"}).exitStatus, 0);
-    const std::vector<char> original = bytesOf(testModel("identity"));
-    const std::vector<char> mixed = bytesOf(scrambled);
+    const std::string original = fileText(testModel("identity"));
+    const std::string mixed = fileText(scrambled);
     ASSERT_EQ(mixed.size(), original.size());
     for (std::size_t i = 0; i < original.size(); ++i) {
         ASSERT_EQ(static_cast<unsigned char>(mixed[i] ^ original[i]), i % 2 == 0 ? 'A' : 'b') << "byte " << i;
@@ -77,8 +70,8 @@ TEST_F(ModelTool, ScrambleAndUnscrambleRoundTripWithTheKey) {
     EXPECT_EQ(tool({"check", scrambled.string(), "--key", "Ab"}).exitStatus, 0);
 
     ASSERT_EQ(tool({"unscramble", scrambled.string(), restored.string(), "--key", "Ab"}).exitStatus, 0);
-    EXPECT_EQ(bytesOf(restored), original);
-    EXPECT_EQ(folderEntries(scratch.path()), (std::vector<std::string>{"restored.onnx", "scrambled.bin"}));
+    EXPECT_EQ(fileText(restored), original);
+    EXPECT_EQ(folderEntries(scratch), (std::vector<std::string>{"restored.onnx", "scrambled.bin"}));
 
     // In place works, through another spelling of the same path too, but never silently.
     const ToolRun inPlace = tool({"unscramble", scrambled.string(), (scratch / "." / "scrambled.bin").string(), "--key",
@@ -86,7 +79,7 @@ TEST_F(ModelTool, ScrambleAndUnscrambleRoundTripWithTheKey) {
     EXPECT_EQ(inPlace.exitStatus, 0);
     EXPECT_EQ(inPlace.err, "tonwerk-model: warning: IN and OUT are the same file; " + scrambled.string() +
                                " is replaced by its unscrambled bytes\n");
-    EXPECT_EQ(bytesOf(scrambled), original);
+    EXPECT_EQ(fileText(scrambled), original);
 }
 
 TEST_F(ModelTool, UsageAndFileErrors) {

@@ -2,55 +2,36 @@
 
 #include <algorithm>
 #include <cmath>
-#include <fcntl.h>
+#include <cstdlib>
 #include <fstream>
 #include <sndfile.h>
-#include <spawn.h>
 #include <sstream>
 #include <stdexcept>
 #include <sys/wait.h>
 #include <unistd.h>
 
-extern char** environ;
-
 namespace tonwerk::test {
 
 namespace fs = std::filesystem;
 
-namespace {
-
-std::string readText(const fs::path& path) {
+std::string fileText(const fs::path& path) {
     std::ifstream in(path, std::ios::binary);
     std::ostringstream text;
     text << in.rdbuf();
     return text.str();
 }
 
-}  // namespace
-
-ToolRun runTool(const std::string& program, const std::vector<std::string>& args, const fs::path& scratch) {
-    const std::string executable = (fs::path(TONWERK_BUILD_DIR) / program).string();
-    const fs::path outPath = scratch / ".tool-stdout";
-    const fs::path errPath = scratch / ".tool-stderr";
-    std::vector<char*> argv{const_cast<char*>(executable.c_str())};
-    for (const std::string& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
-    argv.push_back(nullptr);
-
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    pid_t pid = 0;
-    const int spawned = posix_spawn(&pid, executable.c_str(), &actions, nullptr, argv.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    if (spawned != 0) throw std::runtime_error("cannot start " + executable);
-    int status = 0;
-    waitpid(pid, &status, 0);
-
-    ToolRun run;
-    run.exitStatus = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    run.out = readText(outPath);
-    run.err = readText(errPath);
+// Through the shell, every argument single-quoted; its output lands in files in the scratch folder.
+ToolRun ToolTest::run(const std::string& program, const std::vector<std::string>& args) const {
+    const auto quoted = [](std::string text) {
+        for (std::size_t at = 0; (at = text.find('\'', at)) != std::string::npos; at += 4) text.replace(at, 1, "'\\''");
+        return "'" + text + "'";
+    };
+    const fs::path outPath = scratch / ".tool-stdout", errPath = scratch / ".tool-stderr";
+    std::string command = quoted((fs::path(TONWERK_BUILD_DIR) / program).string());
+    for (const std::string& arg : args) command += " " + quoted(arg);
+    const int status = std::system((command + " >" + quoted(outPath) + " 2>" + quoted(errPath)).c_str());
+    ToolRun run{WIFEXITED(status) ? WEXITSTATUS(status) : -1, fileText(outPath), fileText(errPath)};
     fs::remove(outPath);
     fs::remove(errPath);
     return run;
@@ -65,15 +46,17 @@ std::vector<std::string> linesOf(const std::string& text) {
     return lines;
 }
 
-ScratchFolder::ScratchFolder(const std::string& name)
-    : path_(fs::path(TONWERK_BUILD_DIR) / "tests" / "scratch" / (name + "-" + std::to_string(::getpid()))) {
-    fs::remove_all(path_);
-    fs::create_directories(path_);
+ToolTest::ToolTest()
+    : scratch(fs::path(TONWERK_BUILD_DIR) / "tests" / "scratch" /
+              (std::string(::testing::UnitTest::GetInstance()->current_test_info()->name()) + "-" +
+               std::to_string(::getpid()))) {
+    fs::remove_all(scratch);
+    fs::create_directories(scratch);
 }
 
-ScratchFolder::~ScratchFolder() {
+ToolTest::~ToolTest() {
     std::error_code ignored;
-    fs::remove_all(path_, ignored);
+    fs::remove_all(scratch, ignored);
 }
 
 std::vector<std::string> folderEntries(const fs::path& folder) {

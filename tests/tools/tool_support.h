@@ -15,39 +15,23 @@ struct ToolRun {
     std::string err;
 };
 
-// `program` is a file name in TONWERK_BUILD_DIR; its output is collected in files under `scratch`.
-ToolRun runTool(const std::string& program, const std::vector<std::string>& args,
-                const std::filesystem::path& scratch);
-
+std::string fileText(const std::filesystem::path& path);
 std::vector<std::string> linesOf(const std::string& text);
 
 // Names of the entries of `folder`, sorted; empty when it does not exist.
 std::vector<std::string> folderEntries(const std::filesystem::path& folder);
 
-// A fresh, empty folder for one test, removed by the destructor.
-class ScratchFolder {
-public:
-    explicit ScratchFolder(const std::string& name);
-    ~ScratchFolder();
-    ScratchFolder(const ScratchFolder&) = delete;
-    ScratchFolder& operator=(const ScratchFolder&) = delete;
-    const std::filesystem::path& path() const { return path_; }
-    std::filesystem::path operator/(const std::string& name) const { return path_ / name; }
-
-private:
-    std::filesystem::path path_;
-};
-
 // A generated test model by name ("identity" for build/models/identity.onnx).
 std::string testModel(const std::string& name);
 
-// Each test runs the built tools in a scratch folder of its own.
+// Each test runs the built tools (file names in TONWERK_BUILD_DIR) in a
+// fresh scratch folder of its own, removed when the test ends.
 class ToolTest : public ::testing::Test {
 protected:
-    ScratchFolder scratch{::testing::UnitTest::GetInstance()->current_test_info()->name()};
-    ToolRun run(const std::string& program, const std::vector<std::string>& args) {
-        return runTool(program, args, scratch.path());
-    }
+    ToolTest();
+    ~ToolTest() override;
+    ToolRun run(const std::string& program, const std::vector<std::string>& args) const;
+    const std::filesystem::path scratch;
 };
 
 struct TestAudio {

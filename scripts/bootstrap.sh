@@ -17,7 +17,7 @@ DEBIAN_PACKAGES=(
   libgtest-dev libgmock-dev libbenchmark-dev
   libsndfile1-dev libsoxr-dev
   clang libclang-rt-dev
-  python3-onnx python3-numpy python3-pytest python3-pip python3-setuptools python3-wheel
+  python3-onnx python3-numpy python3-pytest python3-soundfile python3-pip python3-setuptools python3-wheel
 )
 if [ "${1:-}" = "--windows" ]; then
   DEBIAN_PACKAGES+=(g++-mingw-w64-x86-64-posix mingw-w64-tools wine wine64 googletest util-linux)

@@ -30,15 +30,8 @@ mv "$prefix" "$work/moved" && prefix=$work/moved
 step "the demo song as raw float"
 demo=$build/demo/demo.wav
 [ -f "$demo" ] || { "$python" "$source/tools/demo/make_demo.py" "$work/demo" >/dev/null; demo=$work/demo/demo.wav; }
-"$python" - "$demo" "$work/demo.f32" <<'PY'
-import sys, numpy as np
-data = open(sys.argv[1], "rb").read()
-at = 12
-while data[at:at + 4] != b"data":  # walk the RIFF chunks to the samples
-    at += 8 + int.from_bytes(data[at + 4:at + 8], "little")
-size = int.from_bytes(data[at + 4:at + 8], "little")
-np.frombuffer(data[at + 8:at + 8 + size], dtype="<f4").tofile(sys.argv[2])
-PY
+"$python" -c 'import sys, soundfile; soundfile.read(sys.argv[1], dtype="float32")[0].tofile(sys.argv[2])' \
+  "$demo" "$work/demo.f32"
 model=$prefix/share/tonwerk/models/tonwerk-dsp-baseline.onnx
 
 separate() {  # NAME COMMAND...: runs a host into $work/out/NAME

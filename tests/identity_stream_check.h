@@ -80,26 +80,6 @@ inline std::vector<float> toneBlock(std::size_t from, std::size_t frames) {
     return block;
 }
 
-// Every output of a stream: what each call returned, appended in order.
-using StreamOutputs = std::vector<std::vector<float>>;
-
-inline void append(StreamOutputs& all, const std::vector<std::vector<float>>& result) {
-    all.resize(std::max(all.size(), result.size()));
-    for (std::size_t s = 0; s < result.size(); ++s) all[s].insert(all[s].end(), result[s].begin(), result[s].end());
-}
-
-// `frames` of the tones, interleaved, in blocks of `size`; the block that reaches the end carries eof.
-inline StreamOutputs runInBlocksOf(TonwerkProc& proc, std::size_t frames, std::size_t size) {
-    StreamOutputs all;
-    for (std::size_t at = 0; at < frames;) {
-        const std::size_t n = std::min(size, frames - at);
-        const auto input = toneBlock(at, n);
-        at += n;
-        append(all, proc.process(input, at == frames));
-    }
-    return all;
-}
-
 class StreamMismatch : public std::runtime_error {
 public:
     using std::runtime_error::runtime_error;

@@ -9,14 +9,13 @@
 #pragma once
 
 #include "common/stem_bits.h"
+#include "test_models.h"
 #include "tonwerk/tonwerk_proc_multistem.h"
 
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
-#include <fstream>
 #include <functional>
-#include <iterator>
 #include <memory>
 #include <optional>
 #include <stdexcept>
@@ -37,11 +36,9 @@ constexpr std::size_t kStreamEdgeFrames = 4096;
 constexpr double kStreamSumTolerance = 2.5e-7;
 constexpr unsigned kAllStems = tools::kAllStemBits;
 
-// A generated test model of this build, e.g. "identity.onnx".
+// A context on a generated test model, e.g. "identity.onnx".
 inline std::shared_ptr<InferenceContext> loadContext(const std::string& file) {
-    std::ifstream in(std::string(TONWERK_TEST_MODELS_DIR) + "/" + file, std::ios::binary);
-    if (!in) throw std::runtime_error("missing test model " + file);
-    const std::vector<unsigned char> bytes{std::istreambuf_iterator<char>(in), {}};
+    const std::vector<unsigned char> bytes = readModel(file);
     return std::make_shared<InferenceContext>(ModelData{bytes.data(), bytes.size(), ""});
 }
 
@@ -80,6 +77,14 @@ inline std::vector<float> toneBlock(std::size_t from, std::size_t frames) {
     return block;
 }
 
+// An interleaved stereo block as a planar one: all left samples, then all right.
+inline std::vector<float> toPlanar(const std::vector<float>& interleaved) {
+    const std::size_t frames = interleaved.size() / 2;
+    std::vector<float> planar(interleaved.size());
+    for (std::size_t i = 0; i < interleaved.size(); ++i) planar[i % 2 * frames + i / 2] = interleaved[i];
+    return planar;
+}
+
 class StreamMismatch : public std::runtime_error {
 public:
     using std::runtime_error::runtime_error;
@@ -107,13 +112,9 @@ public:
     // (stereo pairs from the first 2n floats); the rest is garbage that must
     // never reach the output.
     std::vector<float> nextBlock(std::size_t frames) const {
-        const std::size_t width = interleaved_ ? static_cast<std::size_t>(std::max(channels_, 2)) : 2;
-        std::vector<float> block(width * frames, 1e30F);
-        for (std::size_t i = 0; i < frames; ++i) {
-            for (std::size_t c = 0; c < 2; ++c) {
-                block[interleaved_ ? 2 * i + c : c * frames + i] = toneSample(streamStart_ + sent_ + i, c);
-            }
-        }
+        std::vector<float> block = toneBlock(streamStart_ + sent_, frames);
+        if (!interleaved_) return toPlanar(block);
+        block.resize(static_cast<std::size_t>(std::max(channels_, 2)) * frames, 1e30F);
         return block;
     }
 

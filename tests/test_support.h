@@ -3,11 +3,10 @@
 #pragma once
 
 #include "inference/inference.h"
+#include "test_models.h"
 
 #include <gtest/gtest.h>
 
-#include <fstream>
-#include <iterator>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -27,12 +26,6 @@ std::string runtimeErrorOf(Call&& call) {
         return e.what();
     }
     return "no error";
-}
-
-inline std::vector<unsigned char> readModel(const std::string& name) {
-    std::ifstream in(std::string(TONWERK_TEST_MODELS_DIR) + "/" + name, std::ios::binary);
-    if (!in) throw std::runtime_error("missing test model " + name);
-    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
 
 // What `emit` writes to standard output, where log records go.

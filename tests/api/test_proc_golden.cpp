@@ -52,12 +52,6 @@ std::vector<float> goldenSignal(std::size_t frames) {
     return s;
 }
 
-std::vector<float> block(const std::vector<float>& signal, std::size_t at, std::size_t n, bool interleaved) {
-    std::vector<float> out(signal.begin() + 2 * at, signal.begin() + 2 * (at + n));
-    for (std::size_t i = 0; !interleaved && i < 2 * n; ++i) out[i % 2 * n + i / 2] = signal[2 * at + i];
-    return out;
-}
-
 TEST(GoldenStreams, EveryOutputBitIsAsRecorded) {
     constexpr std::size_t kFrames = 600000;
     const std::vector<float> signal = goldenSignal(kFrames);
@@ -82,7 +76,8 @@ TEST(GoldenStreams, EveryOutputBitIsAsRecorded) {
         std::uint64_t hash = 0xCBF29CE484222325ULL;
         for (std::size_t call = 0, at = 0; at < kFrames; ++call) {
             const std::size_t n = std::min(g.blocks[call % g.blocks.size()], kFrames - at);
-            const auto input = block(signal, at, n, g.interleaved);
+            const std::vector<float> frames(signal.begin() + 2 * at, signal.begin() + 2 * (at + n));
+            const auto input = g.interleaved ? frames : toPlanar(frames);
             at += n;
             hashInto(hash, proc.process(input, at == kFrames));
         }

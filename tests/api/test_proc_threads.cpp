@@ -2,15 +2,15 @@
 // on its own thread, while the context that set up logging goes away and the
 // others keep logging (provider fallbacks when they load, a model whose every
 // run fails). Built with ThreadSanitizer this is the race check of the
-// library's shared state; in every build it checks that no stream is disturbed
-// and that every printed record is whole.
+// library's shared state; in every build it checks that no stream is
+// disturbed. (That records stay whole while loggers come and go is
+// tests/common/test_logging's teardown test.)
 #include "identity_stream_check.h"
 #include "test_support.h"
 
 #include <array>
 #include <atomic>
 #include <functional>
-#include <regex>
 #include <thread>
 
 namespace tonwerk::test {
@@ -26,7 +26,7 @@ constexpr int kStreamingThreads = 3;
 TEST(ProcThreads, ContextsBuiltAndStreamedAtOnceWhileTheLoggingOwnerGoes) {
     std::array<std::string, kStreamingThreads + 1> errors;
     std::size_t failedRunsReturned = 0;
-    const std::string printed = stdoutOf([&] {
+    stdoutOf([&] {  // the provider fallbacks and failed runs log
         auto owner = loadContext("identity.onnx");  // built first, so it owns logging
         auto shared = loadContext("identity.onnx");
         std::atomic<int> notBuilt{kStreamingThreads + 2};
@@ -70,10 +70,6 @@ TEST(ProcThreads, ContextsBuiltAndStreamedAtOnceWhileTheLoggingOwnerGoes) {
 
     for (const auto& error : errors) EXPECT_EQ(error, "");
     EXPECT_EQ(failedRunsReturned, 4u) << "a failed model run still returns its (silent) stretch";
-    const std::regex record(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} (ERROR|WARN ) \[\d+\] \[[^@\]]+@\d+\] .*)");
-    for (const auto& line : linesWith(printed, "")) {
-        EXPECT_TRUE(line.empty() || std::regex_match(line, record)) << line;
-    }
 }
 
 }  // namespace

@@ -1,6 +1,5 @@
 """tonwerk-separate end to end: real files in, the real library and runtime, the
 generated test models (identity: vocals = input, the other five silent)."""
-import json
 import os
 import re
 
@@ -11,11 +10,10 @@ import soundfile
 from conftest import model_path, read, run_tool, write_tones
 
 IDENTITY = model_path("identity")
-PROGRAM = "tonwerk-separate"
 
 
 def separate(*args):
-    return run_tool(PROGRAM, *args)
+    return run_tool("tonwerk-separate", *args)
 
 
 def identity(folder, name, out, *extra):
@@ -64,8 +62,7 @@ def test_identity_stems_are_scored_and_the_summaries_stay_clean(tmp_path):
     quiet = identity(tmp_path, "song.wav", "out", "--overwrite", "--quiet")
     assert (quiet.returncode, quiet.stdout + quiet.stderr) == (0, "")
     to_stdout = identity(tmp_path, "song.wav", "out", "--overwrite", "--json", "-")
-    assert to_stdout.stdout.startswith('{"tool":"tonwerk-separate","version":"')
-    assert json.loads(to_stdout.stdout)["tool"] == PROGRAM and len(to_stdout.stdout.splitlines()) == 1
+    assert to_stdout.stdout.startswith('{"tool":"tonwerk-separate","version":"') and to_stdout.stdout.count("\n") == 1
 
 
 # Rate, channels and resolution follow the input unless --format or the name's

@@ -18,6 +18,8 @@ DEBIAN_PACKAGES=(
   libsndfile1-dev libsoxr-dev
   clang libclang-rt-dev
   python3-onnx python3-numpy python3-pytest python3-soundfile python3-pip python3-setuptools python3-wheel
+  # model training: PyTorch with a threaded BLAS, and General MIDI renderers and sounds
+  python3-torch libopenblas0-pthread python3-yaml fluidsynth timidity fluid-soundfont-gm timgm6mb-soundfont freepats
 )
 if [ "${1:-}" = "--windows" ]; then
   DEBIAN_PACKAGES+=(g++-mingw-w64-x86-64-posix mingw-w64-tools wine wine64 googletest util-linux)

@@ -1,0 +1,132 @@
+"""SDR of a model run through the library, per stem, beside two yardsticks.
+
+    python3 -m tonwerk_train evaluate MODEL SONGS_DIR [--json OUT.json] [--dataset KIND]
+
+Every song's mixture (its stems plus its other sources) goes through the
+`tonwerk` binding with all six stems asked for. Per stem the table shows the
+mean over songs of the challenge SDR, 10 log10(sum s^2 / sum (s - est)^2)
+over the whole song and both channels, for the model, for the trivial guess
+(a sixth of the mixture as every stem) and for the ideal ratio mask: what
+masking the library's frames reaches when it knows the sources. A stem
+silent in a song counts in no mean of that song; for the model, its "leak"
+is what the model still puts there, in dB relative to the mixture. A stem
+the song's labels do not know counts nowhere.
+"""
+import json
+
+import numpy as np
+import tonwerk
+import torch
+
+from tonwerk_train import stft as spectral
+from tonwerk_train.datasets import load_song, read_dataset
+from tonwerk_train.stems import STEMS
+
+EPS = 1e-7      # added to both SDR sums, so silence against silence scores 0 dB
+SILENT = 1e-8   # mean square per sample below which a reference counts as absent
+BLOCK_FRAMES = 256  # mask frames per step: bounds the memory on long songs
+COLUMNS = ("model", "trivial", "ceiling", "leak")
+
+
+def energy(signal):
+    # float64 sums: minutes of float32 squares would lose the small errors.
+    return float(np.sum(np.square(signal, dtype=np.float64)))
+
+
+def sdr(reference, estimate):
+    return 10 * np.log10((energy(reference) + EPS) / (energy(reference - estimate) + EPS))
+
+
+def _span(signal, start, stop):
+    """signal[..., start:stop] of a tensor, zeros where the range runs past either end."""
+    low, high = max(start, 0), min(stop, signal.shape[-1])
+    return torch.nn.functional.pad(signal[..., low:high], (low - start, stop - high))
+
+
+def ideal_ratio_mask(stems, other):
+    """Each stem's estimate from the mask |S_s| / (sum_j |S_j| + |S_other|) on
+    the mixture's spectrum, as long as the song. The song gets FFT_SIZE - HOP
+    zeros in front so that every sample, the first included, lies under a full
+    four frames; each block of frames takes the three before it along, so the
+    samples kept come out as from one transform of the whole song."""
+    sources = torch.from_numpy(np.concatenate([stems, other[None]]))
+    lead, step, samples = spectral.FFT_SIZE - spectral.HOP, BLOCK_FRAMES * spectral.HOP, stems.shape[-1]
+    estimates = np.zeros_like(stems)
+    for start in range(0, samples, step):
+        spectra = spectral.stft(_span(sources, start - lead, start + step + lead))
+        magnitude = spectra.abs()
+        mask = magnitude[:-1] / (magnitude.sum(0) + 1e-12)
+        block = spectral.istft(mask * spectra.sum(0))[..., lead:lead + step]
+        estimates[..., start:start + step] = block[..., :samples - start].numpy()
+    return estimates
+
+
+def score_song(separator, stems, other, known):
+    """One song's {column: value} per stem; None where the column does not apply."""
+    mixture = stems.sum(0) + other
+    outputs = separator.separate(mixture.T)
+    # Lists and broadcasts, not stacked copies: a long song's stems are large.
+    estimates = {"model": [outputs[name].T for name in STEMS],
+                 "trivial": np.broadcast_to(mixture / len(STEMS), stems.shape),
+                 "ceiling": ideal_ratio_mask(stems, other)}
+    rows = []
+    for index in range(len(STEMS)):
+        row = dict.fromkeys(COLUMNS)
+        reference = stems[index]
+        if not known[index]:
+            pass  # nobody knows what this song's stem would be: no score at all
+        elif energy(reference) / reference.size < SILENT:
+            model = estimates["model"][index]
+            row["leak"] = 10 * np.log10((energy(model) + EPS) / (energy(mixture) + EPS))
+        else:
+            row.update({column: sdr(reference, estimates[column][index]) for column in COLUMNS[:3]})
+        rows.append(row)
+    return rows
+
+
+def _mean(values):
+    values = [value for value in values if value is not None]
+    return float(np.mean(values)) if values else None
+
+
+def evaluate(model, root, dataset="folder"):
+    """{stem: {column: mean over songs, "songs": songs scored, "absent": songs
+    leaked into}, "mean": the means over stems that have a value}."""
+    songs = read_dataset(dataset, root)
+    separator = tonwerk.Separator(model, stems=STEMS)
+    per_song = [score_song(separator, *load_song(song)) for song in songs]
+    table = {}
+    for index, stem in enumerate(STEMS):
+        rows = [song[index] for song in per_song]
+        table[stem] = {column: _mean(row[column] for row in rows) for column in COLUMNS}
+        table[stem]["songs"] = sum(row["model"] is not None for row in rows)
+        table[stem]["absent"] = sum(row["leak"] is not None for row in rows)
+    table["mean"] = {column: _mean(table[stem][column] for stem in STEMS) for column in COLUMNS}
+    table["mean"]["songs"] = len(songs)
+    return table
+
+
+def format_table(table):
+    cell = lambda value: "%9s" % "-" if value is None else "%9.2f" % value
+    lines = ["%-16s" % "stem" + "".join("%9s" % name for name in COLUMNS + ("songs",))]
+    for name, row in table.items():
+        lines.append("%-16s" % name + "".join(cell(row[column]) for column in COLUMNS) + "%9d" % row["songs"])
+    return "\n".join(lines)
+
+
+def add_arguments(parser):
+    parser.add_argument("model", help="ONNX model of the library's contract")
+    parser.add_argument("songs", help="folder of songs")
+    parser.add_argument("--json", help="also write the table here")
+    parser.add_argument("--dataset", default="folder", choices=("folder", "musdb", "moisesdb", "slakh"),
+                        help="layout of the songs folder")
+
+
+def run(args):
+    """Prints the table, its last row the means over stems; 0 is the exit status."""
+    table = evaluate(args.model, args.songs, args.dataset)
+    print(format_table(table))
+    if args.json:
+        with open(args.json, "w") as file:
+            json.dump({"model": str(args.model), "stems": table}, file, indent=2)
+    return 0

@@ -1,0 +1,101 @@
+"""Writes a trained network as a model the library runs: opset 17, fixed
+shapes, input "unified_input" (1, 4, 256, 2048) of packed planes, the six
+boolean "<stem>_flag" inputs, the six "<stem>_output" spectra."""
+import json
+import os
+
+import numpy as np
+import onnx
+import torch
+from torch import nn
+
+from tonwerk_train.model import ModelConfig, Separator
+from tonwerk_train.stems import FLAG_STEMS, STEMS
+from tonwerk_train.stft import BINS, FFT_SIZE, HOP, SEGMENT_FRAMES, from_planes, istft, stft, to_planes
+
+OPSET = 17
+INPUT_SHAPE = (1, 4, SEGMENT_FRAMES, BINS)
+
+
+class ContractModel(nn.Module):
+    """The network between the library's tensors: planes in, each stem's
+    masked planes out, zeroed by its flag."""
+
+    def __init__(self, network):
+        super().__init__()
+        self.network = network
+
+    def forward(self, unified_input, *flags):
+        planes = unified_input.reshape(1, 2, 2, SEGMENT_FRAMES, BINS)  # (1, channel, re/im, T, F)
+        real, imag = planes[:, :, 0], planes[:, :, 1]
+        masks = self.network.masks(torch.sqrt(real * real + imag * imag))
+        gate = dict(zip(FLAG_STEMS, flags))
+        outputs = []
+        for index, stem in enumerate(STEMS):
+            mask = masks[:, index] * gate[stem].float()
+            outputs.append(torch.stack([mask * real, mask * imag], dim=2).reshape(INPUT_SHAPE))
+        return tuple(outputs)
+
+
+def load_network(checkpoint):
+    state = torch.load(checkpoint, map_location="cpu")
+    settings = dict(state["config"]["model"])
+    settings["bands"] = tuple(map(tuple, settings["bands"]))
+    network = Separator(ModelConfig(**settings))
+    network.load_state_dict(state["model"])
+    return network.eval(), state
+
+
+def export(network, path, description=""):
+    """Writes the model beside `path` and renames it into place."""
+    contract = ContractModel(network.eval())
+    example = (torch.zeros(INPUT_SHAPE),) + tuple(torch.ones(1, dtype=torch.bool) for _ in FLAG_STEMS)
+    temp = path + ".tmp"
+    with torch.no_grad():
+        torch.onnx.export(contract, example, temp, opset_version=OPSET, do_constant_folding=True,
+                          input_names=["unified_input"] + [s + "_flag" for s in FLAG_STEMS],
+                          output_names=[s + "_output" for s in STEMS])
+    model = onnx.load(temp)
+    model.producer_name = "tonwerk_train"
+    model.doc_string = description
+    onnx.checker.check_model(model)
+    onnx.save(model, temp)
+    os.replace(temp, path)
+
+
+def library_reference(network, audio):
+    """What the library returns for `audio` (2, n) sent as one block with
+    end of stream, computed in PyTorch: the stream padded by reflection at
+    both ends, its frames at the end of an otherwise silent 256-frame
+    spectrogram, one network run, overlap-add, padding cut. For streams
+    shorter than one chunk (n < 257024), longer than one frame."""
+    samples = audio.shape[-1]
+    if not FFT_SIZE < samples < 257024:
+        raise ValueError("the reference covers one chunk: 4096 < samples < 257024, not %d" % samples)
+    end_pad = (-samples) % HOP + FFT_SIZE
+    reflected = min(samples - 1, end_pad)
+    data = np.pad(audio, ((0, 0), (0, reflected)), mode="reflect")
+    data = np.pad(data, ((0, 0), (0, end_pad - reflected)))
+    data = np.pad(data, ((0, 0), (FFT_SIZE, 0)), mode="reflect")
+    spectrum = stft(torch.from_numpy(data))
+    frames = spectrum.shape[1]
+    planes = torch.nn.functional.pad(to_planes(spectrum), (0, 0, SEGMENT_FRAMES - frames, 0))
+    flags = tuple(torch.ones(1, dtype=torch.bool) for _ in FLAG_STEMS)
+    with torch.no_grad():
+        outputs = ContractModel(network.eval())(planes[None], *flags)
+    stems = torch.stack([from_planes(out[0, :, -frames:]) for out in outputs])
+    return istft(stems)[..., FFT_SIZE:FFT_SIZE + samples].numpy()
+
+
+def add_arguments(parser):
+    parser.add_argument("checkpoint", help="a .pt file written by train (best.pt or checkpoint.pt)")
+    parser.add_argument("output", help="the .onnx file to write")
+
+
+def run(args):
+    network, state = load_network(args.checkpoint)
+    description = "Mask network trained by tonwerk_train: step %d, settings %s" % (
+        state["step"], json.dumps(state["config"], sort_keys=True))
+    export(network, args.output, description)
+    print("export: wrote %s (%.1f MB)" % (args.output, os.path.getsize(args.output) / 1e6))
+    return 0

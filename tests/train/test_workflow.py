@@ -1,0 +1,85 @@
+"""The whole path on seconds of data: generate songs, train a tiny network
+(stopped and resumed), export it, check it against the contract, stream
+audio through the library and compare with the network run in PyTorch,
+evaluate it."""
+import json
+import os
+import subprocess
+
+import numpy as np
+import pytest
+import torch
+
+import tonwerk
+from tonwerk_train.__main__ import main
+from tonwerk_train.datasets import load_song, read_dataset
+from tonwerk_train.export import library_reference, load_network
+
+BUILD = os.environ.get("TONWERK_BUILD_DIR", os.path.join(os.path.dirname(__file__), "../../build"))
+# float32 FFTs and the runtime's kernels against PyTorch's, on stems peaking
+# near 0.1: seen up to 2.6e-6
+PARITY = 1e-5
+
+
+@pytest.fixture(scope="module")
+def workshop(tmp_path_factory):
+    root = tmp_path_factory.mktemp("workshop")
+    songs = root / "songs"
+    assert main(["generate", str(songs), "--songs", "2", "--seconds", "7", "--seed", "3"]) == 0
+    train = ["train", "--data", "folder:%s" % songs, "--valid", "folder:%s" % songs, "--preset", "tiny",
+             "--steps", "2", "--batch", "2", "--frames", "16", "--valid-songs", "1"]
+    assert main(train + ["--out", str(root / "stopped"), "--epochs", "2", "--stop-after", "1"]) == 0
+    assert main(train + ["--out", str(root / "stopped"), "--epochs", "2"]) == 0
+    assert main(train + ["--out", str(root / "straight"), "--epochs", "2"]) == 0
+    assert main(["export", str(root / "stopped/best.pt"), str(root / "model.onnx")]) == 0
+    return root
+
+
+def test_songs_hold_the_stems_they_name(workshop):
+    songs = read_dataset("folder", str(workshop / "songs"))
+    assert len(songs) == 2
+    for song in songs:
+        stems, other, known = load_song(song)
+        assert known.all() and stems.shape[1:] == (2, 7 * 44100)
+        sounding = {name for i, name in enumerate(tonwerk.STEMS) if np.abs(stems[i]).max() > 1e-3}
+        assert len(sounding) >= 3
+        mixture = stems.sum(0) + other
+        assert 0.25 < np.abs(mixture).max() <= 0.95
+
+
+def test_a_resumed_run_ends_where_an_uninterrupted_one_does(workshop):
+    stopped = torch.load(workshop / "stopped/checkpoint.pt")
+    straight = torch.load(workshop / "straight/checkpoint.pt")
+    assert stopped["step"] == straight["step"] == 4
+    for name, value in straight["model"].items():
+        assert torch.equal(stopped["model"][name], value), name
+    log = [json.loads(line) for line in open(workshop / "stopped/log.jsonl")]
+    assert [r["step"] for r in log] == [2, 4] and all(np.isfinite(r["valid_sdr"]) for r in log)
+
+
+def test_the_export_fits_the_contract(workshop):
+    check = subprocess.run([os.path.join(BUILD, "tonwerk-model"), "check", str(workshop / "model.onnx")],
+                           capture_output=True, text=True)
+    assert check.returncode == 0, check.stdout + check.stderr
+
+
+@pytest.mark.parametrize("stems", [tonwerk.STEMS, ("drum", "bass"), ("vocals",)])
+def test_the_library_streams_what_the_network_computes(workshop, stems):
+    song = read_dataset("folder", str(workshop / "songs"))[0]
+    parts, other, _ = load_song(song)
+    mixture = (parts.sum(0) + other)[:, 30000:30000 + 3 * 44100]
+    network, _ = load_network(str(workshop / "stopped/best.pt"))
+    expected = library_reference(network, mixture)
+    got = tonwerk.Separator(str(workshop / "model.onnx"), stems=stems).separate(np.ascontiguousarray(mixture.T))
+    for i, name in enumerate(tonwerk.STEMS):
+        want = expected[i] if name in stems else np.zeros_like(expected[i])
+        np.testing.assert_allclose(got[name].T, want, atol=PARITY, err_msg=name)
+    assert np.abs(expected).max() > 100 * PARITY
+
+
+def test_evaluate_reports_every_stem(workshop, capsys):
+    report = workshop / "report.json"
+    assert main(["evaluate", str(workshop / "model.onnx"), str(workshop / "songs"), "--json", str(report)]) == 0
+    table = json.loads(report.read_text())
+    assert "mean" in capsys.readouterr().out
+    assert table

@@ -18,7 +18,7 @@ def separate(*args):
 
 def identity(folder, name, out, *extra):
     """folder/name separated through the identity model into folder/out."""
-    return separate(folder / name, "-o", folder / out, "--model", IDENTITY, *extra)
+    return separate(folder / name, "-o", folder / out, "--model", "identity", *extra)  # found by name
 
 
 def summary_row(text, stem):
@@ -216,6 +216,7 @@ def failures(tmp_path):
      "does not fit the model contract: output \"bass_output\" is missing; unexpected output \"bass_out\""),
     (["good.wav", "-o", "{o}", "--model", "{d}/keyed.onnx", "--key", "wrong"], 3, "not a readable ONNX model"),
     (["good.wav", "-o", "{o}", "--model", "{d}/nothing.onnx"], 3, "no such file"),
+    (["good.wav", "-o", "{o}", "--model", "nothing"], 3, "models/nothing.onnx: no such file"),
     # Silent stems where the input is not: no reason logged (a failing model's is in the test above).
     (["good.wav", "-m", "--stems", "drum", "-q"], 3, "is not; the library logged no reason\n"),
     ([], 2, "no INPUT given"),

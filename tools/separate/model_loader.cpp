@@ -12,15 +12,28 @@ namespace tonwerk::tools {
 
 namespace fs = std::filesystem;
 
+namespace {
+
 // models/ beside the program in a build folder; share/tonwerk/models/ of the
 // prefix once installed into bin/.
-std::string defaultModelPath() {
+fs::path modelsFolder() {
     std::error_code ec;
     const fs::path executable = fs::read_symlink("/proc/self/exe", ec);
     const fs::path folder = ec ? fs::current_path() : executable.parent_path();
-    const fs::path beside = folder / "models" / "tonwerk-dsp-baseline.onnx";
-    const fs::path installed = folder.parent_path() / "share" / "tonwerk" / "models" / "tonwerk-dsp-baseline.onnx";
-    return (fs::exists(beside, ec) || !fs::exists(installed, ec) ? beside : installed).string();
+    const fs::path beside = folder / "models";
+    const fs::path installed = folder.parent_path() / "share" / "tonwerk" / "models";
+    return fs::is_directory(beside, ec) || !fs::is_directory(installed, ec) ? beside : installed;
+}
+
+}  // namespace
+
+std::string resolveModelPath(const std::string& nameOrPath) {
+    if (nameOrPath.empty()) return resolveModelPath(defaultModelName);
+    // A bare name that is not a file here means one of the models that come with the program.
+    std::error_code ec;
+    const fs::path given(nameOrPath);
+    if (given.has_parent_path() || given.has_extension() || fs::exists(given, ec)) return nameOrPath;
+    return (modelsFolder() / (nameOrPath + ".onnx")).string();
 }
 
 std::shared_ptr<InferenceContext> loadCheckedModel(const std::string& path, const std::string& key) {

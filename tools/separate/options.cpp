@@ -9,7 +9,7 @@
 namespace tonwerk::tools {
 
 const char* const separateUsage =
-    "usage: tonwerk-separate INPUT... [-o OUTDIR] [--name PATTERN] [--model PATH] [--key KEY]\n"
+    "usage: tonwerk-separate INPUT... [-o OUTDIR] [--name PATTERN] [--model MODEL] [--key KEY]\n"
     "                        [--stems LIST] [--stems-out LIST] [--format F] [--dither] [--block FRAMES]\n"
     "                        [--reference-dir DIR] [--skip-existing | --overwrite] [--json FILE|-]\n"
     "                        [--quiet | --verbose] [--version]\n"
@@ -24,8 +24,9 @@ const char* const separateUsage =
     "  --name PATTERN       stem file names under OUTDIR from {input} (the input's name without\n"
     "                       extension) and {stem}; default {input}.{stem} for one input file,\n"
     "                       {input}/{stem} otherwise; .wav/.flac/.ogg/.mp3 at the end sets the format\n"
-    "  --model PATH         separation model (default: models/tonwerk-dsp-baseline.onnx\n"
-    "                       beside this program, or ../share/tonwerk/models/ once installed)\n"
+    "  --model MODEL        separation model: a file, or the name of one that comes with this\n"
+    "                       program (in models/ beside it, or ../share/tonwerk/models/ once\n"
+    "                       installed), such as tonwerk-stems-cpu; default: " TONWERK_DEFAULT_MODEL "\n"
     "  --key KEY            the model file is scrambled with KEY\n"
     "  --stems LIST         comma-separated stems to ask the model for (default: all six, or the\n"
     "                       model stems of --stems-out when that names neither residual nor mix)\n"

@@ -58,7 +58,7 @@ public:
         return context_;
     }
 
-    std::string path() const { return options_.modelPath.empty() ? defaultModelPath() : options_.modelPath; }
+    std::string path() const { return resolveModelPath(options_.modelPath); }
 
 private:
     // Loading tries the GPU providers, and on a machine without one the

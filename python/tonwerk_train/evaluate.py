@@ -20,21 +20,11 @@ import torch
 
 from tonwerk_train import stft as spectral
 from tonwerk_train.datasets import load_song, read_dataset
+from tonwerk_train.metrics import EPS, energy, sdr, sounds
 from tonwerk_train.stems import STEMS
 
-EPS = 1e-7      # added to both SDR sums, so silence against silence scores 0 dB
-SILENT = 1e-8   # mean square per sample below which a reference counts as absent
 BLOCK_FRAMES = 256  # mask frames per step: bounds the memory on long songs
 COLUMNS = ("model", "trivial", "ceiling", "leak")
-
-
-def energy(signal):
-    # float64 sums: minutes of float32 squares would lose the small errors.
-    return float(np.sum(np.square(signal, dtype=np.float64)))
-
-
-def sdr(reference, estimate):
-    return 10 * np.log10((energy(reference) + EPS) / (energy(reference - estimate) + EPS))
 
 
 def _span(signal, start, stop):
@@ -75,7 +65,7 @@ def score_song(separator, stems, other, known):
         reference = stems[index]
         if not known[index]:
             pass  # nobody knows what this song's stem would be: no score at all
-        elif energy(reference) / reference.size < SILENT:
+        elif not sounds(reference):
             model = estimates["model"][index]
             row["leak"] = 10 * np.log10((energy(model) + EPS) / (energy(mixture) + EPS))
         else:

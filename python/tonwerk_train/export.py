@@ -39,9 +39,7 @@ class ContractModel(nn.Module):
 
 def load_network(checkpoint):
     state = torch.load(checkpoint, map_location="cpu")
-    settings = dict(state["config"]["model"])
-    settings["bands"] = tuple(map(tuple, settings["bands"]))
-    network = Separator(ModelConfig(**settings))
+    network = Separator(ModelConfig.from_dict(state["config"]["model"]))
     network.load_state_dict(state["model"])
     return network.eval(), state
 

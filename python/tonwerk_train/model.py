@@ -35,6 +35,11 @@ class ModelConfig:
     def to_dict(self):
         return asdict(self)
 
+    @classmethod
+    def from_dict(cls, settings):
+        """The inverse of to_dict, also after a round trip through JSON or a checkpoint (bands as lists)."""
+        return cls(**{**settings, "bands": tuple(map(tuple, settings["bands"]))})
+
 
 PRESETS = {
     "tiny": ModelConfig(channels=4, blocks=2),

@@ -14,6 +14,7 @@ import numpy as np
 import torch
 
 from tonwerk_train import datasets
+from tonwerk_train.metrics import sdr, sounds
 from tonwerk_train.model import PRESETS, SOURCES, ModelConfig, Separator
 from tonwerk_train.stems import STEMS
 from tonwerk_train.stft import FFT_SIZE, HOP, SEGMENT_FRAMES, istft, stft
@@ -117,10 +118,6 @@ def separate(model, mixture):
     return estimates[..., FFT_SIZE:FFT_SIZE + samples].numpy()
 
 
-def sdr(reference, estimate):
-    return 10 * np.log10((np.sum(reference ** 2) + 1e-9) / (np.sum((reference - estimate) ** 2) + 1e-9))
-
-
 def validate(model, songs, seconds=12.0):
     """Mean SDR over stems of the mean over songs where the stem sounds."""
     model.eval()
@@ -130,7 +127,7 @@ def validate(model, songs, seconds=12.0):
         stems, other = stems[..., :int(seconds * 44100)], other[..., :int(seconds * 44100)]
         estimates = separate(model, stems.sum(0) + other)
         for i in range(len(STEMS)):
-            if known[i] and np.mean(stems[i] ** 2) > 1e-8:
+            if known[i] and sounds(stems[i]):
                 scores[i].append(sdr(stems[i], estimates[i]))
     model.train()
     per_stem = {stem: float(np.mean(s)) if s else float("nan") for stem, s in zip(STEMS, scores)}
@@ -179,10 +176,10 @@ def add_arguments(parser):
     parser.add_argument("--device", default="cuda" if torch.cuda.is_available() else "cpu")
 
 
-def read_songs(specs):
+def read_songs(locations):
     songs = []
-    for spec in specs:
-        kind, _, root = spec.partition(":")
+    for location in locations:
+        kind, _, root = location.partition(":")
         songs += datasets.read_dataset(kind, root)
     return songs
 
@@ -197,7 +194,7 @@ def run(args):
     state = torch.load(checkpoint) if os.path.exists(checkpoint) else None
     if state:  # the run's settings stay; only its length may grow
         config = {**state["config"], "epochs": args.epochs}
-    model = Separator(ModelConfig(**{**config["model"], "bands": tuple(map(tuple, config["model"]["bands"]))}))
+    model = Separator(ModelConfig.from_dict(config["model"]))
     model.to(args.device)
     optimizer = torch.optim.AdamW(model.parameters(), lr=config["lr"], weight_decay=1e-4)
     total = config["epochs"] * config["steps"]

@@ -19,7 +19,7 @@ import tonwerk
 import torch
 
 from tonwerk_train import stft as spectral
-from tonwerk_train.datasets import load_song, read_dataset
+from tonwerk_train.datasets import READERS, load_song, read_dataset
 from tonwerk_train.metrics import EPS, energy, sdr, sounds
 from tonwerk_train.stems import STEMS
 
@@ -108,7 +108,7 @@ def add_arguments(parser):
     parser.add_argument("model", help="ONNX model of the library's contract")
     parser.add_argument("songs", help="folder of songs")
     parser.add_argument("--json", help="also write the table here")
-    parser.add_argument("--dataset", default="folder", choices=("folder", "musdb", "moisesdb", "slakh"),
+    parser.add_argument("--dataset", default="folder", choices=sorted(READERS),
                         help="layout of the songs folder")
 
 

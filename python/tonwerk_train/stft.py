@@ -25,10 +25,6 @@ def blackman(length=FFT_SIZE):
     return (np.float32(0.42) - np.float32(0.5) * first) + np.float32(0.08) * second
 
 
-def frame_count(samples):
-    return 0 if samples < FFT_SIZE else (samples - FFT_SIZE) // HOP + 1
-
-
 def stft(audio):
     """audio (..., samples) float tensor -> complex (..., frames, BINS); frame
     t covers samples [t*HOP, t*HOP + FFT_SIZE)."""
@@ -47,7 +43,7 @@ def overlap_add(pieces):
     return out.flatten(-2)
 
 
-def istft(spectrum, samples=None):
+def istft(spectrum):
     """complex (..., frames, BINS) -> (..., (frames - 1) * HOP + FFT_SIZE)
     by the least-squares overlap-add; samples covered by fewer than the full
     four frames are normalised by what covered them."""
@@ -55,8 +51,7 @@ def istft(spectrum, samples=None):
     full = torch.nn.functional.pad(spectrum, (0, 1))
     folded = overlap_add(torch.fft.irfft(full, n=FFT_SIZE, dim=-1) * window)
     weight = overlap_add((window * window).expand(spectrum.shape[-2], FFT_SIZE))
-    out = folded / weight.clamp_min(1e-8)
-    return out if samples is None else out[..., :samples]
+    return folded / weight.clamp_min(1e-8)
 
 
 def to_planes(spectrum):

@@ -1,6 +1,6 @@
 # cmake --install: the libraries with the runtime beside them, headers, tools,
 # the default model, a CMake package (find_package(Tonwerk) gives
-# Tonwerk::multistem and Tonwerk::c) and pkg-config files.
+# Tonwerk::multistem, Tonwerk::c and Tonwerk::live) and pkg-config files.
 include(CMakePackageConfigHelpers)
 
 set(TONWERK_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/Tonwerk)
@@ -13,7 +13,8 @@ endif()
 
 set_target_properties(tonwerk_proc_multistem PROPERTIES EXPORT_NAME multistem)
 set_target_properties(tonwerk_c PROPERTIES EXPORT_NAME c)
-install(TARGETS tonwerk_proc_multistem tonwerk_c EXPORT TonwerkTargets
+set_target_properties(tonwerk_live PROPERTIES EXPORT_NAME live)
+install(TARGETS tonwerk_proc_multistem tonwerk_c tonwerk_live EXPORT TonwerkTargets
   RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
@@ -21,7 +22,8 @@ install(FILES ${TONWERK_ORT_RUNTIME} DESTINATION ${tonwerk_runtime_dir} RENAME $
 if(TONWERK_DIRECTML_DLL)
   install(FILES ${TONWERK_DIRECTML_DLL} DESTINATION ${tonwerk_runtime_dir})
 endif()
-install(FILES include/tonwerk/tonwerk_proc_multistem.h include/tonwerk/tonwerk_c.h
+install(FILES include/tonwerk/tonwerk_proc_multistem.h include/tonwerk/tonwerk_c.h include/tonwerk/tonwerk_live.h
+              include/tonwerk/tonwerk_live.hpp
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/tonwerk)
 
 install(EXPORT TonwerkTargets NAMESPACE Tonwerk:: DESTINATION ${TONWERK_CMAKE_DIR})
@@ -52,4 +54,9 @@ if(TONWERK_BUILD_TOOLS AND NOT WIN32)
   install(TARGETS tonwerk-separate tonwerk-model)
   set_target_properties(tonwerk-separate tonwerk-model PROPERTIES INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
   install(FILES ${TONWERK_SHIPPED_MODELS} DESTINATION ${CMAKE_INSTALL_DATADIR}/tonwerk/models)
+endif()
+
+# The LV2 bundle as it is built: self-contained, found by hosts in lib/lv2.
+if(TARGET tonwerk_stems AND NOT WIN32)
+  install(DIRECTORY ${TONWERK_LV2_BUNDLE} DESTINATION ${CMAKE_INSTALL_LIBDIR}/lv2 USE_SOURCE_PERMISSIONS)
 endif()

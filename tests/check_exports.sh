@@ -4,11 +4,13 @@
 # - the core library exports the two classes' members and nothing else, and
 #   ONNX Runtime is not a load-time dependency (a delay-load import on Windows);
 # - the C library (file name containing tonwerk_c) exports its tw_ functions
-#   and nothing else, and needs only the core library beyond the system.
+#   and nothing else, and needs only the core library beyond the system;
+# - the live library (tonwerk_live) exports its tw_live_ functions and nothing
+#   else, and reaches ONNX Runtime as the core library does.
 set -euo pipefail
 lib=$1
 kind=core
-case "$(basename "$lib")" in *tonwerk_c.*) kind=c ;; esac
+case "$(basename "$lib")" in *tonwerk_c.*) kind=c ;; *tonwerk_live.*) kind=live ;; esac
 
 fail() { echo "FAIL: $*" >&2; exit 1; }
 
@@ -24,7 +26,7 @@ if [ "$(head -c 2 "$lib")" = "MZ" ]; then
   foreign=$(grep -viE '^(kernel32|msvcrt|ucrtbase|dxgi|advapi32|user32|tonwerk_proc_multistem)\.dll$|^api-ms-win-' \
             <<<"$imports" || true)
   [ -z "$foreign" ] || fail "load-time imports beyond the system DLLs: $foreign"
-  if [ "$kind" = core ]; then
+  if [ "$kind" != c ]; then
     # The runtime is reached through a delay-load descriptor with OrtGetApiBase as its only entry.
     table=$("$objdump" -t "$lib")
     if ! grep -q '__DELAY_IMPORT_DESCRIPTOR_.*onnxruntime_pelagrin' <<<"$table" \
@@ -54,6 +56,13 @@ if [ "$kind" = core ]; then
     'tonwerk::TonwerkProc::process(std::vector<float, std::allocator<float> > const&, bool)'
   )
   count=14  # constructors and destructors appear twice (complete and base object)
+elif [ "$kind" = live ]; then
+  pattern='^tw_live_[a-z_]+$'
+  expected=(tw_live_default_settings tw_live_last_error tw_live_engine_create tw_live_engine_destroy
+            tw_live_engine_latency tw_live_engine_block_frames tw_live_engine_process tw_live_engine_reset
+            tw_live_adapter_create tw_live_adapter_destroy tw_live_adapter_latency tw_live_adapter_process
+            tw_live_adapter_reset tw_live_adapter_set_offline tw_live_adapter_underruns)
+  count=${#expected[@]}
 else
   pattern='^tw_[a-z_]+$'
   expected=(tw_version tw_last_error tw_context_create tw_context_release tw_processor_create

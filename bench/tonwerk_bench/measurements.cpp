@@ -1,6 +1,6 @@
 #include "measurements.h"
 
-#include "api/stream_layout.h"
+#include "pipeline/stream_layout.h"
 #include "inference/inference.h"
 #include "pipeline/chunk_processor.h"
 #include "spectral/aligned_floats.h"

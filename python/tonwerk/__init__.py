@@ -11,9 +11,13 @@ or block by block, as audio arrives:
         stems = separator.process(block, eof=is_last)
         if stems is not None:             # the first after 257024 frames
             ...
+
+tonwerk.LiveSeparator runs the live engine (a fraction of a second of delay).
 """
+from tonwerk.live import LiveSeparator
 from tonwerk.separator import (OUTPUTS, SAMPLE_RATE, STEMS, Model, Separator, TonwerkError,
                                library_version)
 
-__all__ = ["OUTPUTS", "SAMPLE_RATE", "STEMS", "Model", "Separator", "TonwerkError", "library_version"]
+__all__ = ["OUTPUTS", "SAMPLE_RATE", "STEMS", "LiveSeparator", "Model", "Separator", "TonwerkError",
+           "library_version"]
 __version__ = "0.1.0"

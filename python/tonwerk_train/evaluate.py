@@ -1,6 +1,7 @@
 """SDR of a model run through the library, per stem, beside two yardsticks.
 
     python3 -m tonwerk_train evaluate MODEL SONGS_DIR [--json OUT.json] [--dataset KIND]
+                                      [--live LOOKAHEAD [--update U]]
 
 Every song's mixture (its stems plus its other sources) goes through the
 `tonwerk` binding with all six stems asked for. Per stem the table shows the
@@ -11,6 +12,9 @@ masking the library's frames reaches when it knows the sources. A stem
 silent in a song counts in no mean of that song; for the model, its "leak"
 is what the model still puts there, in dB relative to the mixture. A stem
 the song's labels do not know counts nowhere.
+
+With --live the songs go through the live engine instead, each from
+silence, with its latency taken off: what live use costs in quality.
 """
 import json
 
@@ -51,10 +55,11 @@ def ideal_ratio_mask(stems, other):
     return estimates
 
 
-def score_song(separator, stems, other, known):
-    """One song's {column: value} per stem; None where the column does not apply."""
+def score_song(separate, stems, other, known):
+    """One song's {column: value} per stem; None where the column does not
+    apply. `separate` maps a mixture (frames, 2) to the eight outputs."""
     mixture = stems.sum(0) + other
-    outputs = separator.separate(mixture.T)
+    outputs = separate(mixture.T)
     # Lists and broadcasts, not stacked copies: a long song's stems are large.
     estimates = {"model": [outputs[name].T for name in STEMS],
                  "trivial": np.broadcast_to(mixture / len(STEMS), stems.shape),
@@ -79,12 +84,18 @@ def _mean(values):
     return float(np.mean(values)) if values else None
 
 
-def evaluate(model, root, dataset="folder"):
+def evaluate(model, root, dataset="folder", live=None, update=4):
     """{stem: {column: mean over songs, "songs": songs scored, "absent": songs
-    leaked into}, "mean": the means over stems that have a value}."""
+    leaked into}, "mean": the means over stems that have a value}. `live`:
+    the lookahead of the live engine to use instead of the stream."""
     songs = read_dataset(dataset, root)
-    separator = tonwerk.Separator(model, stems=STEMS)
-    per_song = [score_song(separator, *load_song(song)) for song in songs]
+    if live is None:
+        separate = tonwerk.Separator(model, stems=STEMS).separate
+    else:
+        with open(model, "rb") as file:
+            data = file.read()
+        separate = lambda audio: tonwerk.LiveSeparator(data, update, live, STEMS).separate(audio)
+    per_song = [score_song(separate, *load_song(song)) for song in songs]
     table = {}
     for index, stem in enumerate(STEMS):
         rows = [song[index] for song in per_song]
@@ -110,13 +121,17 @@ def add_arguments(parser):
     parser.add_argument("--json", help="also write the table here")
     parser.add_argument("--dataset", default="folder", choices=sorted(READERS),
                         help="layout of the songs folder")
+    parser.add_argument("--live", type=int, metavar="LOOKAHEAD",
+                        help="separate with the live engine and this lookahead (frames of 1024)")
+    parser.add_argument("--update", type=int, default=4, help="with --live: hops per model run")
 
 
 def run(args):
     """Prints the table, its last row the means over stems; 0 is the exit status."""
-    table = evaluate(args.model, args.songs, args.dataset)
+    table = evaluate(args.model, args.songs, args.dataset, args.live, args.update)
     print(format_table(table))
     if args.json:
         with open(args.json, "w") as file:
-            json.dump({"model": str(args.model), "stems": table}, file, indent=2)
+            json.dump({"model": str(args.model), "live": args.live, "update": args.update, "stems": table},
+                      file, indent=2)
     return 0

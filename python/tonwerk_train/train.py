@@ -170,6 +170,8 @@ def add_arguments(parser):
     parser.add_argument("--stop-after", type=int, default=0, metavar="EPOCHS",
                         help="end this invocation after EPOCHS epochs; the same command resumes the run")
     parser.add_argument("--lr", type=float, default=1e-3)
+    parser.add_argument("--init", metavar="CHECKPOINT",
+                        help="start from this checkpoint's network (its preset too) with a fresh schedule: fine-tuning")
     parser.add_argument("--seed", type=int, default=1)
     parser.add_argument("--valid-songs", type=int, default=8)
     parser.add_argument("--threads", type=int, default=os.cpu_count())
@@ -189,12 +191,16 @@ def run(args):
     torch.manual_seed(args.seed)
     os.makedirs(args.out, exist_ok=True)
     checkpoint = os.path.join(args.out, "checkpoint.pt")
+    start = torch.load(args.init) if args.init else None
     config = {"preset": args.preset, "batch": args.batch, "frames": args.frames, "lr": args.lr, "seed": args.seed,
-              "steps": args.steps, "epochs": args.epochs, "model": PRESETS[args.preset].to_dict()}
+              "steps": args.steps, "epochs": args.epochs, "init": args.init,
+              "model": start["config"]["model"] if start else PRESETS[args.preset].to_dict()}
     state = torch.load(checkpoint) if os.path.exists(checkpoint) else None
     if state:  # the run's settings stay; only its length may grow
         config = {**state["config"], "epochs": args.epochs}
     model = Separator(ModelConfig.from_dict(config["model"]))
+    if start and not state:  # a resumed fine-tuning run continues from its own checkpoint
+        model.load_state_dict(start["model"])
     model.to(args.device)
     optimizer = torch.optim.AdamW(model.parameters(), lr=config["lr"], weight_decay=1e-4)
     total = config["epochs"] * config["steps"]

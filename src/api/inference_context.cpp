@@ -1,6 +1,6 @@
 #include "api/inference_context_impl.h"
 #include "api/model_scrambling.h"
-#include "api/stream_layout.h"
+#include "pipeline/stream_layout.h"
 
 #include <string>
 #include <vector>

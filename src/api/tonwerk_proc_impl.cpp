@@ -1,8 +1,8 @@
 #include "api/tonwerk_proc_impl.h"
 
 #include "api/inference_context_impl.h"
-#include "api/stem_outputs.h"
-#include "api/stream_layout.h"
+#include "pipeline/stem_outputs.h"
+#include "pipeline/stream_layout.h"
 #include "common/logging.h"
 
 #include <algorithm>

@@ -17,8 +17,9 @@ step() { echo "== $*"; }
 rm -rf "$work" && mkdir -p "$work"
 step "install into $prefix"
 cmake --install "$build" --prefix "$prefix" >/dev/null
-for file in lib/libtonwerk_proc_multistem.so.0 lib/libtonwerk_c.so.0 lib/libonnxruntime_pelagrin.so \
-            include/tonwerk/tonwerk_proc_multistem.h include/tonwerk/tonwerk_c.h \
+for file in lib/libtonwerk_proc_multistem.so.0 lib/libtonwerk_c.so.0 lib/libtonwerk_live.so.0 \
+            lib/libonnxruntime_pelagrin.so include/tonwerk/tonwerk_proc_multistem.h include/tonwerk/tonwerk_c.h \
+            include/tonwerk/tonwerk_live.h include/tonwerk/tonwerk_live.hpp \
             lib/cmake/Tonwerk/TonwerkConfig.cmake lib/cmake/Tonwerk/TonwerkConfigVersion.cmake \
             lib/pkgconfig/tonwerk.pc lib/pkgconfig/tonwerk_c.pc bin/tonwerk-separate bin/tonwerk-model \
             share/tonwerk/models/tonwerk-dsp-baseline.onnx share/tonwerk/models/tonwerk-stems-cpu.onnx; do

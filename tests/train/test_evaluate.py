@@ -25,15 +25,17 @@ trivial = lambda song, stem: sdr(SONGS[song][stem], MIX[song] / 6)
 VOCALS = sdr(SONGS["a"]["vocals"], MIX["a"])  # the identity model: the mixture as vocals, silence elsewhere
 
 
-@pytest.fixture(scope="module")
-def table(tmp_path_factory):
+# The stream, and the live engine with its latency taken off: the same table.
+@pytest.fixture(scope="module", params=[[], ["--live", "2", "--update", "3"]], ids=["stream", "live"])
+def table(tmp_path_factory, request):
     root = tmp_path_factory.mktemp("songs")
     for song, sources in SONGS.items():
         for name, mono in sources.items():
             (root / song).mkdir(exist_ok=True)
             soundfile.write(str(root / song / (name + ".wav")), mono.astype(np.float32), 44100, subtype="FLOAT")
     evaluate.add_arguments(parser := argparse.ArgumentParser())
-    args = parser.parse_args([os.path.join(MODELS, "identity.onnx"), str(root), "--json", str(root / "out.json")])
+    args = parser.parse_args([os.path.join(MODELS, "identity.onnx"), str(root), "--json", str(root / "out.json")]
+                             + request.param)
     with pytest.MonkeyPatch.context() as patch:
         patch.setattr(evaluate, "BLOCK_FRAMES", 16)  # the ratio mask in many blocks, the last one short
         assert evaluate.run(args) == 0  # the exit status

@@ -31,6 +31,9 @@ def workshop(tmp_path_factory):
     assert main(train + ["--out", str(root / "stopped"), "--epochs", "2", "--stop-after", "1"]) == 0
     assert main(train + ["--out", str(root / "stopped"), "--epochs", "2"]) == 0
     assert main(train + ["--out", str(root / "straight"), "--epochs", "2"]) == 0
+    # Fine-tuning at a learning rate of 0 keeps the network it starts from.
+    assert main(train + ["--out", str(root / "tuned"), "--epochs", "1", "--lr", "0", "--preset", "cpu",
+                         "--init", str(root / "straight/checkpoint.pt")]) == 0
     assert main(["export", str(root / "stopped/best.pt"), str(root / "model.onnx")]) == 0
     return root
 
@@ -53,6 +56,8 @@ def test_a_resumed_run_ends_where_an_uninterrupted_one_does(workshop):
     assert stopped["step"] == straight["step"] == 4
     for name, value in straight["model"].items():
         assert torch.equal(stopped["model"][name], value), name
+    tuned = torch.load(workshop / "tuned/checkpoint.pt")
+    assert all(torch.equal(tuned["model"][name], value) for name, value in straight["model"].items())
     log = [json.loads(line) for line in open(workshop / "stopped/log.jsonl")]
     assert [r["step"] for r in log] == [2, 4] and all(np.isfinite(r["valid_sdr"]) for r in log)
 

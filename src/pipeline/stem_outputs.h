@@ -4,6 +4,7 @@
 
 #include <xtensor/xarray.hpp>
 
+#include <cstddef>
 #include <vector>
 
 namespace tonwerk {
@@ -13,5 +14,10 @@ namespace tonwerk {
 // stems summed in stem order, in single precision), each two channels of n,
 // interleaved or planar.
 std::vector<std::vector<float>> buildStemOutputs(const xt::xarray<float>& result, bool interleaved);
+
+// The same sweep into caller memory: `rows` holds the {stems + 1, 2, n}
+// rows contiguously, `out` eight buffers of 2 * n floats. Allocates nothing,
+// so a real-time caller may use it.
+void writeStemOutputs(const float* rows, std::size_t n, bool interleaved, float* const* out);
 
 }  // namespace tonwerk

@@ -1,7 +1,7 @@
-#include "api/stem_outputs.h"
+#include "pipeline/stem_outputs.h"
 
 #include "common/fresh_pages.h"
-#include "api/stream_layout.h"
+#include "pipeline/stream_layout.h"
 
 #include <array>
 
@@ -30,12 +30,17 @@ std::vector<std::vector<float>> freshOutputs(std::size_t floats) {
 
 std::vector<std::vector<float>> buildStemOutputs(const xt::xarray<float>& result, bool interleaved) {
     const std::size_t length = result.shape()[2];
-    const std::size_t sliceSize = kAudioChannels * length;
-    std::vector<std::vector<float>> outputs = freshOutputs(sliceSize);
+    std::vector<std::vector<float>> outputs = freshOutputs(kAudioChannels * length);
     std::array<float*, kStemCount + 2> out{};
     for (std::size_t k = 0; k < out.size(); ++k) out[k] = outputs[k].data();
+    writeStemOutputs(result.data(), length, interleaved, out.data());
+    return outputs;
+}
+
+void writeStemOutputs(const float* rows, std::size_t length, bool interleaved, float* const* out) {
+    const std::size_t sliceSize = kAudioChannels * length;
     std::array<const float*, kStemCount + 1> in{};
-    for (std::size_t k = 0; k < in.size(); ++k) in[k] = result.data() + k * sliceSize;
+    for (std::size_t k = 0; k < in.size(); ++k) in[k] = rows + k * sliceSize;
 
     // Channel c's sample i sits at row index c * length + i and goes to
     // 2i + c (interleaved) or c * length + i (planar).
@@ -56,7 +61,6 @@ std::vector<std::vector<float>> buildStemOutputs(const xt::xarray<float>& result
             out[kResidual][p] = in[kStemCount][row + i] - sum;
         }
     }
-    return outputs;
 }
 
 }  // namespace tonwerk

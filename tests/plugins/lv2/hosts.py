@@ -1,0 +1,99 @@
+# The plugin in stock hosts.
+#   hosts.py render BUNDLE
+# lv2apply (no host features, one frame per run) renders tones offline
+# through BUNDLE (the identity model): the output must be the input, delayed
+# by the adapter's latency, times what the controls leave of it.
+#   hosts.py realtime BUNDLE SECONDS [--count-underruns]
+# jalv runs BUNDLE on JACK's dummy driver for SECONDS: the plugin must report
+# the adapter's latency and, unless only counting them, no underrun.
+import os
+import re
+import signal
+import subprocess
+import sys
+import tempfile
+import time
+
+import numpy as np
+import soundfile
+
+URI = "urn:tonwerk:stems"
+# Controls, and the output over the delayed input: the identity model puts
+# everything in the vocals.
+RENDERS = [({}, 1.0), ({"vocals": 0}, 0.0), ({"drum": 0}, 1.0), ({"vocals": 2, "residual": 0}, 2.0)]
+
+
+def latency(max_block):
+    # tonwerk_live.h's adapter latency at the default settings (update 4,
+    # lookahead 4), which the plugin uses.
+    return 3072 + 1024 * 4 + 2 * 1024 * 4 + max_block
+
+
+def render(env, work):
+    t = np.arange(2 * 44100) / 44100.0
+    tones = np.stack([0.4 * np.sin(2 * np.pi * 220 * t), 0.3 * np.sin(2 * np.pi * 331 * t + 1)], 1)
+    soundfile.write(os.path.join(work, "in.wav"), tones.astype(np.float32), 44100, subtype="FLOAT")
+    delay = latency(512)  # no host feature: the plugin's own block limit
+    delayed = np.concatenate([np.zeros((delay, 2)), tones[:len(t) - delay]])
+    # The model's rounding; within two model frames of the stream's start
+    # the step from silence adds more.
+    tolerance = np.where(np.arange(len(t)) < delay + 8192, 1e-3, 1e-6)[:, None]
+    failures = []
+    for controls, factor in RENDERS:
+        command = ["lv2apply", "-i", os.path.join(work, "in.wav"), "-o", os.path.join(work, "out.wav")]
+        command += [word for control in dict(controls, offline=1).items() for word in ("-c", *map(str, control))]
+        subprocess.run(command + [URI], env=env, check=True, timeout=600, stdout=subprocess.DEVNULL)
+        error = np.abs(soundfile.read(os.path.join(work, "out.wav"))[0] - factor * delayed)
+        if not (error <= tolerance).all():
+            failures.append("%s: off by %.3g at frame %d" % (controls, error.max(), np.argmax(error.max(1))))
+    return failures
+
+
+def realtime(env, work, seconds, count_underruns):
+    env.update(JACK_DEFAULT_SERVER="tonwerk-lv2-%d" % os.getpid(), JACK_NO_START_SERVER="1")
+    block, log = 256, open(os.path.join(work, "jalv.log"), "w")
+    io = dict(env=env, stdout=log, stderr=log, start_new_session=True)
+    # Real-time scheduling where the user may have it keeps the machine's
+    # other load from delaying the host; without it JACK runs all the same.
+    processes = [subprocess.Popen(["jackd", "-R", "-d", "dummy", "-r", "44100", "-p", str(block)], **io)]
+    try:
+        deadline = time.time() + 20
+        while subprocess.run(["jack_lsp"], env=env, capture_output=True).returncode != 0 and time.time() < deadline:
+            time.sleep(0.2)
+        # jalv takes commands until its input ends: "monitors" prints the
+        # control outputs.
+        processes.append(subprocess.Popen(["jalv", URI], stdin=subprocess.PIPE, text=True, **io))
+        time.sleep(seconds)
+        processes[-1].communicate("monitors\n", timeout=60)
+    finally:
+        # Asked first: a JACK server killed outright stays registered, and
+        # a handful of those keep any new one from starting.
+        for process in reversed(processes):
+            if process.poll() is None:
+                os.killpg(process.pid, signal.SIGTERM)
+            try:
+                process.wait(timeout=30)
+            except subprocess.TimeoutExpired:
+                os.killpg(process.pid, signal.SIGKILL)
+    log.close()
+    text = open(log.name).read()
+    printed = dict(re.findall(r"^(?:> )*(latency|underruns) = (\S+)$", text, re.M))
+    reported, underruns = float(printed.get("latency", "nan")), float(printed.get("underruns", "nan"))
+    print("jalv, %g s: latency %g, underruns %g" % (seconds, reported, underruns))
+    # jalv states its JACK period as the longest block.
+    return [] if reported == latency(block) and (underruns == 0 or count_underruns) else [text[-3000:]]
+
+
+def main():
+    bundle = os.path.abspath(sys.argv[2])
+    with tempfile.TemporaryDirectory() as work:
+        env = dict(os.environ, LV2_PATH=os.path.dirname(bundle))  # lilv needs it absolute
+        failures = render(env, work) if sys.argv[1] == "render" else realtime(
+            env, work, float(sys.argv[3]), "--count-underruns" in sys.argv)
+    for failure in failures:
+        print("FAIL:", failure)
+    sys.exit(1 if failures else 0)
+
+
+if __name__ == "__main__":
+    main()

@@ -54,6 +54,13 @@ public:
 
 protected:
     Owner() = default;
+    // One of the C interface's getters, `status getter(handle, Value*)`.
+    template <typename Value, typename Getter>
+    Value query(Getter getter) const {
+        Value value{};
+        check(getter(handle_, &value));
+        return value;
+    }
     Handle* handle_ = nullptr;
 };
 
@@ -63,16 +70,8 @@ public:
     explicit Engine(const std::vector<unsigned char>& model, const tw_live_settings& settings = defaultSettings()) {
         check(tw_live_engine_create(model.data(), model.size(), &settings, &handle_));
     }
-    tw_live_latency latency() const {
-        tw_live_latency latency{};
-        check(tw_live_engine_latency(handle_, &latency));
-        return latency;
-    }
-    std::size_t blockFrames() const {
-        std::size_t frames = 0;
-        check(tw_live_engine_block_frames(handle_, &frames));
-        return frames;
-    }
+    tw_live_latency latency() const { return query<tw_live_latency>(tw_live_engine_latency); }
+    std::size_t blockFrames() const { return query<std::size_t>(tw_live_engine_block_frames); }
     // blockFrames() interleaved stereo frames in, as many of every output out.
     void process(const float* input, float* const* outputs) { check(tw_live_engine_process(handle_, input, outputs)); }
     void reset() { check(tw_live_engine_reset(handle_)); }
@@ -84,22 +83,14 @@ public:
     explicit Adapter(const std::vector<unsigned char>& model, const tw_live_settings& settings = defaultSettings()) {
         check(tw_live_adapter_create(model.data(), model.size(), &settings, &handle_));
     }
-    tw_live_latency latency() const {
-        tw_live_latency latency{};
-        check(tw_live_adapter_latency(handle_, &latency));
-        return latency;
-    }
+    tw_live_latency latency() const { return query<tw_live_latency>(tw_live_adapter_latency); }
     // Real-time safe; false (with tw_live_last_error()) only for bad arguments.
     bool process(const float* input, float* const* outputs, std::size_t frames) noexcept {
         return tw_live_adapter_process(handle_, input, outputs, frames) == TW_OK;
     }
     void reset() noexcept { tw_live_adapter_reset(handle_); }
     void setOffline(bool offline) noexcept { tw_live_adapter_set_offline(handle_, offline ? 1 : 0); }
-    std::uint64_t underruns() const {
-        std::uint64_t frames = 0;
-        check(tw_live_adapter_underruns(handle_, &frames));
-        return frames;
-    }
+    std::uint64_t underruns() const { return query<std::uint64_t>(tw_live_adapter_underruns); }
 };
 
 }  // namespace tonwerk::live

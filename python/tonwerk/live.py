@@ -14,13 +14,12 @@ import os
 import numpy as np
 
 from tonwerk import _library
-from tonwerk.separator import OUTPUTS, STEMS, TonwerkError, _as_block, _stem_mask
+from tonwerk import separator
+from tonwerk.separator import OUTPUTS, STEMS, _as_block, _stem_mask
 
 
 def _check(status):
-    if status != 0:
-        message = _library.load_live().tw_live_last_error().decode("utf-8", "replace")
-        raise TonwerkError(status, message or _library.STATUS_NAMES.get(status, "error %d" % status))
+    separator._check(status, _library.load_live().tw_live_last_error)
 
 
 class LiveSeparator:

@@ -21,9 +21,11 @@ class TonwerkError(RuntimeError):
         self.status = status
 
 
-def _check(status):
+def _check(status, last_error=None):
+    """Raises TonwerkError for a failed call; `last_error` is the library's
+    message function (the C library's by default)."""
     if status != 0:
-        message = _library.load().tw_last_error().decode("utf-8", "replace")
+        message = (last_error or _library.load().tw_last_error)().decode("utf-8", "replace")
         raise TonwerkError(status, message or _library.STATUS_NAMES.get(status, "error %d" % status))
 
 

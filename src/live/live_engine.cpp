@@ -11,6 +11,9 @@
 namespace tonwerk {
 
 using layout::kAudioChannels;
+using layout::kFftSize;
+using layout::kHop;
+using layout::kStemCount;
 
 void checkLiveSettings(const LiveSettings& settings) {
     const std::size_t frames = layout::kSegmentFrames;
@@ -28,31 +31,28 @@ void checkLiveSettings(const LiveSettings& settings) {
 LiveEngine::LiveEngine(std::shared_ptr<IInference> backend, LiveSettings settings)
     : backend_(std::move(backend)),
       settings_(settings),
-      fftSize_(layout::kFftSize),
-      hop_(layout::kHop),
-      stems_(layout::kStemCount),
       window_(makeWindow(Blackman, static_cast<std::int32_t>(layout::kFftSize))) {
     checkLiveSettings(settings);
-    recent_ = xt::xtensor<float, 2>::from_shape({kAudioChannels, fftSize_ - hop_ + blockFrames()});
+    recent_ = xt::xtensor<float, 2>::from_shape({kAudioChannels, kFftSize - kHop + blockFrames()});
     delayed_ = xt::xtensor<float, 2>::from_shape({kAudioChannels, latencyFrames() + blockFrames()});
-    rows_ = xt::xtensor<float, 3>::from_shape({stems_ + 1, kAudioChannels, blockFrames()});
+    rows_ = xt::xtensor<float, 3>::from_shape({kStemCount + 1, kAudioChannels, blockFrames()});
     reset();
 }
 
 void LiveEngine::reset() {
     // Every frame is handed out, none held back for a neighbour: the engine
     // picks the frames it delivers itself.
-    analysis_ = std::make_unique<PreProcessor>(kAudioChannels, fftSize_, hop_, window_, backend_,
-                                               layout::kSegmentFrames, false, stems_);
+    analysis_ = std::make_unique<PreProcessor>(kAudioChannels, kFftSize, kHop, window_, backend_,
+                                               layout::kSegmentFrames, false, kStemCount);
     synthesis_.clear();
-    std::vector<float> discarded(kAudioChannels * hop_);
-    for (std::size_t s = 0; s < stems_; ++s) {
-        synthesis_.push_back(std::make_unique<OverlapAddSynthesizer>(kAudioChannels, fftSize_, hop_, window_));
+    std::vector<float> discarded(kAudioChannels * kHop);
+    for (std::size_t s = 0; s < kStemCount; ++s) {
+        synthesis_.push_back(std::make_unique<OverlapAddSynthesizer>(kAudioChannels, kFftSize, kHop, window_));
         // The silence before the stream, as frames: without them the first
         // samples would be divided by the tail of a single window, which
         // turns rounding noise into bursts.
-        for (std::size_t f = 0; f + hop_ < fftSize_; f += hop_) {
-            synthesis_.back()->processStagedFrame(true, discarded.data(), hop_, 0, hop_);
+        for (std::size_t f = 0; f + kHop < kFftSize; f += kHop) {
+            synthesis_.back()->processStagedFrame(true, discarded.data(), kHop, 0, kHop);
         }
     }
     recent_.fill(0.0F);
@@ -82,7 +82,7 @@ void LiveEngine::takeInput(const float* input) {
     const std::size_t delayLength = delayed_.shape()[1];
     for (std::size_t c = 0; c < kAudioChannels; ++c) {
         const float* oldest = delayed_.data() + c * delayLength;
-        std::copy(oldest, oldest + block, rows_.data() + (stems_ * kAudioChannels + c) * block);
+        std::copy(oldest, oldest + block, rows_.data() + (kStemCount * kAudioChannels + c) * block);
     }
 }
 
@@ -92,14 +92,14 @@ void LiveEngine::synthesize(bool modelRan) {
     // `lookahead` slots older.
     const std::size_t first = layout::kSegmentFrames - settings_.lookahead - settings_.update;
     for (std::size_t f = 0; f < settings_.update; ++f) {
-        for (std::size_t s = 0; s < stems_; ++s) {
+        for (std::size_t s = 0; s < kStemCount; ++s) {
             OverlapAddSynthesizer& synthesizer = *synthesis_[s];
             const bool silent = !modelRan || analysis_->frameSilent(s, first + f);
             if (!silent) {
                 analysis_->packFrameInto(s, first + f, synthesizer.stagedFrame());
             }
-            float* rows = rows_.data() + s * kAudioChannels * block + f * hop_;
-            synthesizer.processStagedFrame(silent, rows, block, 0, hop_);
+            float* rows = rows_.data() + s * kAudioChannels * block + f * kHop;
+            synthesizer.processStagedFrame(silent, rows, block, 0, kHop);
         }
     }
 }

@@ -5,6 +5,7 @@
 
 #include "inference/inference.h"
 #include "pipeline/overlap_add_synthesizer.h"
+#include "pipeline/stream_layout.h"
 #include "spectral/pre_processor.h"
 
 #include <xtensor/xtensor.hpp>
@@ -36,12 +37,12 @@ public:
     // `backend` must not be run by anyone else while this engine works.
     LiveEngine(std::shared_ptr<IInference> backend, LiveSettings settings);
 
-    std::size_t blockFrames() const { return settings_.update * hop_; }
+    std::size_t blockFrames() const { return settings_.update * layout::kHop; }
     // The frames of future context the model sees: lookahead hops.
-    std::size_t lookaheadFrames() const { return settings_.lookahead * hop_; }
+    std::size_t lookaheadFrames() const { return settings_.lookahead * layout::kHop; }
     // What overlap-add adds: a sample is complete only once every frame
     // covering it has been synthesised.
-    std::size_t outputDelayFrames() const { return fftSize_ - hop_; }
+    std::size_t outputDelayFrames() const { return layout::kFftSize - layout::kHop; }
     std::size_t latencyFrames() const { return lookaheadFrames() + outputDelayFrames(); }
 
     // `input`: blockFrames() interleaved stereo frames. `outputs`: eight
@@ -59,9 +60,6 @@ private:
 
     std::shared_ptr<IInference> backend_;
     LiveSettings settings_;
-    std::size_t fftSize_;
-    std::size_t hop_;
-    std::size_t stems_;
     std::vector<float> window_;
     std::unique_ptr<PreProcessor> analysis_;
     std::vector<std::unique_ptr<OverlapAddSynthesizer>> synthesis_;

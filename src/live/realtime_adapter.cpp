@@ -36,9 +36,8 @@ std::size_t checkedMaxBlock(std::size_t maxBlock) {
 RealtimeAdapter::RealtimeAdapter(std::unique_ptr<LiveEngine> engine, AdapterSettings settings)
     : engine_(std::move(engine)),
       settings_{checkedMaxBlock(settings.maxBlock), settings.offline},
-      block_(engine_->blockFrames()),
-      input_(ringBlocks(queueFrames(), block_), kAudioChannels * block_),
-      output_(ringBlocks(queueFrames(), block_), kOutputs * kAudioChannels * block_),
+      input_(ringBlocks(queueFrames(), block()), kAudioChannels * block()),
+      output_(ringBlocks(queueFrames(), block()), kOutputs * kAudioChannels * block()),
       dry_(kAudioChannels * (latencyFrames() + settings.maxBlock), 0.0F) {
     worker_ = std::thread([this] { work(); });
 }
@@ -86,14 +85,14 @@ void RealtimeAdapter::pushInput(const float* input, std::size_t frames) {
             // With no room left the block is dropped; the frames it would
             // have given come out as underruns.
         }
-        const std::size_t count = std::min(frames - at, block_ - inputFill_);
+        const std::size_t count = std::min(frames - at, block() - inputFill_);
         if (filling_ != nullptr) {
             std::copy(input + kAudioChannels * at, input + kAudioChannels * (at + count),
                       input_.data(filling_) + kAudioChannels * inputFill_);
         }
         inputFill_ += count;
         at += count;
-        if (inputFill_ == block_) {
+        if (inputFill_ == block()) {
             if (filling_ != nullptr) {
                 *filling_ = BlockHeader{generation_, inputBlock_, true};
                 input_.publish();
@@ -114,20 +113,20 @@ std::size_t RealtimeAdapter::emit(std::uint64_t t, float* const* outputs, std::s
         return n;
     }
     const std::uint64_t wanted = t - queue;
-    const std::uint64_t index = wanted / block_;
-    const std::size_t offset = static_cast<std::size_t>(wanted % block_);
-    const std::size_t n = std::min(count, block_ - offset);
-    BlockHeader* block = blockFor(index);
+    const std::uint64_t index = wanted / block();
+    const std::size_t offset = static_cast<std::size_t>(wanted % block());
+    const std::size_t n = std::min(count, block() - offset);
+    BlockHeader* ready = blockFor(index);
     // Offline, wait for the block unless it was dropped before (in real
     // time): then it never comes.
-    while (settings_.offline && block == nullptr && index >= droppedBefore_) {
+    while (settings_.offline && ready == nullptr && index >= droppedBefore_) {
         pause();
-        block = blockFor(index);
+        ready = blockFor(index);
     }
-    if (block != nullptr && block->index == index && block->ok) {
-        const float* rows = output_.data(block);
+    if (ready != nullptr && ready->index == index && ready->ok) {
+        const float* rows = output_.data(ready);
         for (std::size_t s = 0; s < kOutputs; ++s) {
-            const float* from = rows + kAudioChannels * (s * block_ + offset);
+            const float* from = rows + kAudioChannels * (s * block() + offset);
             std::copy(from, from + kAudioChannels * n, outputs[s] + kAudioChannels * at);
         }
     } else {
@@ -137,19 +136,19 @@ std::size_t RealtimeAdapter::emit(std::uint64_t t, float* const* outputs, std::s
         const std::uint64_t lost = t + n <= latency ? 0 : t + n - std::max<std::uint64_t>(t, latency);
         underruns_.fetch_add(lost, std::memory_order_relaxed);
     }
-    if (block != nullptr && block->index == index && offset + n == block_) {
+    if (ready != nullptr && ready->index == index && offset + n == block()) {
         output_.release();
     }
     return n;
 }
 
 BlockHeader* RealtimeAdapter::blockFor(std::uint64_t index) {
-    BlockHeader* block = output_.readable();
-    while (block != nullptr && (block->generation != generation_ || block->index < index)) {
+    BlockHeader* ready = output_.readable();
+    while (ready != nullptr && (ready->generation != generation_ || ready->index < index)) {
         output_.release();
-        block = output_.readable();
+        ready = output_.readable();
     }
-    return block;
+    return ready;
 }
 
 void RealtimeAdapter::emitDry(std::uint64_t t, float* const* outputs, std::size_t at, std::size_t count) {
@@ -188,7 +187,7 @@ void RealtimeAdapter::work() {
             // After a dropped block the engine starts from silence: until
             // its output is a frame past that step, the audio thread plays
             // the input instead.
-            warmup = in->index == 0 ? 0 : (engine_->latencyFrames() + layout::kFftSize) / block_ + 1;
+            warmup = in->index == 0 ? 0 : (engine_->latencyFrames() + layout::kFftSize) / block() + 1;
         }
         used = true;
         generation = in->generation;
@@ -202,7 +201,7 @@ void RealtimeAdapter::work() {
 void RealtimeAdapter::runEngine(const BlockHeader& in, BlockHeader& out, std::size_t& warmup) {
     float* rows = output_.data(&out);
     float* outputs[kOutputs];
-    for (std::size_t s = 0; s < kOutputs; ++s) outputs[s] = rows + kAudioChannels * s * block_;
+    for (std::size_t s = 0; s < kOutputs; ++s) outputs[s] = rows + kAudioChannels * s * block();
     bool ok = warmup == 0;
     try {
         engine_->process(input_.data(&in), outputs);

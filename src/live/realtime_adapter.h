@@ -52,7 +52,8 @@ public:
     std::uint64_t underrunFrames() const { return underruns_.load(std::memory_order_relaxed); }
 
 private:
-    std::size_t queueFrames() const { return 2 * engine_->blockFrames() + settings_.maxBlock; }
+    std::size_t block() const { return engine_->blockFrames(); }
+    std::size_t queueFrames() const { return 2 * block() + settings_.maxBlock; }
     void remember(const float* input, std::size_t frames);
     void pushInput(const float* input, std::size_t frames);
     // Writes frames [at, at + count) of this call for stream frame `t`
@@ -66,7 +67,6 @@ private:
 
     std::unique_ptr<LiveEngine> engine_;
     AdapterSettings settings_;
-    std::size_t block_;
     BlockRing input_;
     BlockRing output_;
     // Audio thread only: the stream position, the input block being filled,

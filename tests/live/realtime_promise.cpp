@@ -5,6 +5,8 @@
 //   tonwerk-realtime-promise MODEL [--minutes M]
 //   tonwerk-realtime-promise MODEL --canary KIND
 //
+// MODEL is one of the build's test models, e.g. identity.onnx.
+//
 // The canary commits one violation of KIND (malloc, free, new, delete,
 // mutex, sleep) where the real-time calls run, to prove each interposer
 // bites: the canary run must fail.
@@ -13,6 +15,7 @@
 // thread functions through the next definition in the lookup order, both
 // resolved before any thread starts. Not for sanitizer builds, which
 // interpose the same functions themselves.
+#include "test_models.h"
 #include "tonwerk/tonwerk_live.hpp"
 
 #include <dlfcn.h>
@@ -26,8 +29,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
-#include <iterator>
 #include <mutex>
 #include <new>
 #include <string>
@@ -139,11 +140,6 @@ void commit(const std::string& kind) {
     if (kind == "new") delete object;
 }
 
-std::vector<unsigned char> readFile(const char* path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-}
-
 // Streams `minutes` of a tone at four times real time in blocks of 1 to
 // 512 frames, after a first stretch fed all at once so that the underrun
 // path runs too, with a transport jump halfway.
@@ -195,7 +191,7 @@ int main(int argc, char** argv) {
         return report();
     }
     const double minutes = option == "--minutes" && argc > 3 ? std::atof(argv[3]) : 2.0;
-    if (stream(readFile(argv[1]), minutes) != 0) {
+    if (stream(tonwerk::test::readModel(argv[1]), minutes) != 0) {
         std::printf("process refused a call: %s\n", tw_live_last_error());
         return 1;
     }

@@ -191,13 +191,20 @@ TEST(LiveAdapter, UnderrunsKeepTheMusicInTheResidualAndRecover) {
     live::Adapter adapter(readModel("identity.onnx"), settingsOf(4, 2, maxBlock));
     const long delay = static_cast<long>(adapter.latency().total);
     const std::size_t rushed = 100 * 1024;
-    // At three quarters of real time (22.7 us per frame): ample time. The
-    // rushed input is delayed and partly dropped, and the engine restarts
-    // after the drop, so the second half of this is where all must be well.
+    // Then at three quarters of real time (22.7 us per frame), ample for the
+    // worker; sanitizer builds slow it several times over, so they are fed
+    // slower still. The rushed input is delayed and partly dropped, and the
+    // engine restarts after the drop, so the second half of the calm part is
+    // where all must be well.
     const std::size_t calm = 2 * 44100;
+#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
+    const std::chrono::microseconds pace(150);
+#else
+    const std::chrono::microseconds pace(30);
+#endif
     const std::vector<float> input = tones(rushed + calm, 5);
     OutputStreams out;
-    stream(adapter, input, maxBlock, out, 3, rushed, std::chrono::microseconds(30));
+    stream(adapter, input, maxBlock, out, 3, rushed, pace);
     expectDelayedIdentity(input, out, delay, dry);
     std::uint64_t silent = 0;
     long lastMissed = 0;

@@ -22,6 +22,8 @@ DEBIAN_PACKAGES=(
   python3-torch libopenblas0-pthread python3-yaml fluidsynth timidity fluid-soundfont-gm timgm6mb-soundfont freepats
   # live separation: the LV2 plugin, the hosts that test it, and the JACK example
   lv2-dev lilv-utils jalv jackd2 libjack-jackd2-dev
+  # batch separation across processes and machines
+  python3-distributed python3-dask
 )
 if [ "${1:-}" = "--windows" ]; then
   DEBIAN_PACKAGES+=(g++-mingw-w64-x86-64-posix mingw-w64-tools wine wine64 googletest util-linux)

@@ -44,7 +44,7 @@ int main(int argc, char** argv) {
             return exitOk;
         }
         installInterruptHandlers();
-        return runSeparateCommand(options, started);
+        return options.serve ? runServeCommand(options) : runSeparateCommand(options, started);
     } catch (const ToolError& error) {
         std::cerr << "tonwerk-separate: " << oneLine(error.what())
                   << (error.exitStatus() == exitUsage ? " (see --help)" : "") << std::endl;

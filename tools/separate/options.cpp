@@ -13,6 +13,7 @@ const char* const separateUsage =
     "                        [--stems LIST] [--stems-out LIST] [--format F] [--dither] [--block FRAMES]\n"
     "                        [--reference-dir DIR] [--skip-existing | --overwrite] [--json FILE|-]\n"
     "                        [--quiet | --verbose] [--version]\n"
+    "       tonwerk-separate --serve [the options above but INPUT, --reference-dir and --json]\n"
     "\n"
     "Separates each INPUT (an audio file libsndfile reads: WAV, FLAC, Ogg, MP3, AIFF, ...; mono or\n"
     "stereo; any sample rate; or a folder, whose audio files are taken in name order) into vocals,\n"
@@ -45,6 +46,9 @@ const char* const separateUsage =
     "                       instead of the text summary)\n"
     "  -q, --quiet          print nothing but errors\n"
     "  -v, --verbose        also show everything the library and ONNX Runtime print\n"
+    "  --serve              separate the inputs named on standard input, one line each (INPUT, or\n"
+    "                       INPUT<tab>OUTDIR), with the model loaded once; each answer is one line\n"
+    "                       of JSON on standard output, with \"error\" when that input failed\n"
     "  --version            print the version and exit\n"
     "  -h, --help           this text\n"
     "\n"
@@ -91,7 +95,7 @@ StemSelection modelStemsOf(const OutputSelection& selection) {
 
 bool isFlag(const std::string& arg) {
     static const char* const flags[] = {"-h", "--help", "--version", "-q", "--quiet", "-v", "--verbose",
-                                        "--dither", "--skip-existing", "--overwrite"};
+                                        "--dither", "--skip-existing", "--overwrite", "--serve"};
     return std::find(std::begin(flags), std::end(flags), arg) != std::end(flags);
 }
 
@@ -101,6 +105,7 @@ void setFlag(SeparateOptions& options, const std::string& arg) {
     else if (arg == "-q" || arg == "--quiet") options.verbosity = Verbosity::quiet;
     else if (arg == "-v" || arg == "--verbose") options.verbosity = Verbosity::verbose;
     else if (arg == "--dither") options.dither = true;
+    else if (arg == "--serve") options.serve = true;
     else if (arg == "--skip-existing") options.existing = ExistingOutputs::skip;
     else options.existing = ExistingOutputs::overwrite;
 }
@@ -125,7 +130,16 @@ void setValue(SeparateOptions& options, const std::string& arg, const std::strin
 void checkCombinations(const SeparateOptions& options, int quietCount, int verboseCount, int existingCount) {
     if (quietCount > 0 && verboseCount > 0) throw usageError("--quiet and --verbose exclude each other");
     if (existingCount > 1) throw usageError("--skip-existing and --overwrite exclude each other");
-    if (options.inputs.empty()) throw usageError("no INPUT given");
+    if (options.serve) {
+        if (!options.inputs.empty()) {
+            throw usageError("--serve reads its inputs from standard input, not from arguments");
+        }
+        if (!options.referenceDir.empty() || !options.jsonPath.empty()) {
+            throw usageError("--serve answers each input on standard output: no --reference-dir or --json");
+        }
+    } else if (options.inputs.empty()) {
+        throw usageError("no INPUT given");
+    }
     for (std::size_t i = 0; options.stemsOut && i < modelStemCount; ++i) {
         if ((*options.stemsOut)[i] && !options.stems[i]) {
             throw usageError("--stems-out " + stemNames[i] + ": the model is not asked for it (see --stems)");

@@ -19,7 +19,8 @@ struct InputFiles {
     bool several = false;  // more than one file, or a folder: one output folder each by default
 };
 
-InputFiles expandInputs(const std::vector<std::string>& inputs) {
+// A server's inputs are each one of many, named as several inputs' are.
+InputFiles expandInputs(const std::vector<std::string>& inputs, bool serving) {
     InputFiles expanded;
     std::error_code ec;
     for (const std::string& input : inputs) {
@@ -32,7 +33,7 @@ InputFiles expandInputs(const std::vector<std::string>& inputs) {
         expanded.files.insert(expanded.files.end(), files.begin(), files.end());
         expanded.several = true;
     }
-    expanded.several = expanded.several || expanded.files.size() > 1;
+    expanded.several = serving || expanded.several || expanded.files.size() > 1;
     return expanded;
 }
 
@@ -164,7 +165,7 @@ void checkJsonDestination(const std::string& path) {
 
 std::vector<InputPlan> planRun(const SeparateOptions& options) {
     checkJsonDestination(options.jsonPath);
-    const InputFiles inputs = expandInputs(options.inputs);
+    const InputFiles inputs = expandInputs(options.inputs, options.serve);
     if (inputs.several && !options.referenceDir.empty()) {
         throw usageError("--reference-dir holds the parts of one song: give one INPUT file with it");
     }

@@ -91,7 +91,15 @@ std::string stemJson(const StemReport& stem) {
     return json + "}";
 }
 
-std::string inputJson(const InputReport& input) {
+double audioSeconds(const RunReport& run) {
+    double seconds = 0;
+    for (const InputReport& input : run.inputs) seconds += input.skipped ? 0.0 : input.seconds;
+    return seconds;
+}
+
+}  // namespace
+
+std::string inputReportJson(const InputReport& input) {
     std::string json = "{\"input\":" + jsonString(input.input);
     if (input.skipped) return json + ",\"skipped\":true}";
     json += ",\"skipped\":false,\"seconds\":" + jsonNumber(input.seconds) +
@@ -104,13 +112,9 @@ std::string inputJson(const InputReport& input) {
     return json + "}}";
 }
 
-double audioSeconds(const RunReport& run) {
-    double seconds = 0;
-    for (const InputReport& input : run.inputs) seconds += input.skipped ? 0.0 : input.seconds;
-    return seconds;
+std::string failedInputJson(const std::string& input, const std::string& reason) {
+    return "{\"input\":" + jsonString(input) + ",\"error\":" + jsonString(reason) + "}";
 }
-
-}  // namespace
 
 void printInputSummary(std::ostream& out, const InputReport& input) {
     bool anyReference = false;
@@ -151,7 +155,7 @@ void printRunTotals(std::ostream& out, const RunReport& run) {
 std::string runReportJson(const RunReport& run) {
     std::string json = "{\"tool\":\"tonwerk-separate\",\"version\":" + jsonString(TONWERK_VERSION) +
                        ",\"model\":" + jsonString(run.model) + ",\"inputs\":[";
-    for (std::size_t i = 0; i < run.inputs.size(); ++i) json += (i == 0 ? "" : ",") + inputJson(run.inputs[i]);
+    for (std::size_t i = 0; i < run.inputs.size(); ++i) json += (i == 0 ? "" : ",") + inputReportJson(run.inputs[i]);
     const double seconds = audioSeconds(run);
     return json + "],\"audio_seconds\":" + jsonNumber(seconds) + ",\"wall_seconds\":" + jsonNumber(run.wallSeconds) +
            ",\"x_realtime\":" + jsonNumber(realTimeFactor(seconds, run.wallSeconds)) + "}\n";

@@ -43,5 +43,9 @@ void printInputSummary(std::ostream& out, const InputReport& input);
 void printRunTotals(std::ostream& out, const RunReport& run);
 // The whole run as one JSON object, ending in a newline.
 std::string runReportJson(const RunReport& run);
+// One input as one JSON object (no newline), as in the run's "inputs".
+std::string inputReportJson(const InputReport& input);
+// An input that failed, with why: {"input": ..., "error": ...}.
+std::string failedInputJson(const std::string& input, const std::string& reason);
 
 }  // namespace tonwerk::tools

@@ -4,6 +4,7 @@
 #include "console.h"
 #include "execution_provider.h"
 #include "file_bytes.h"
+#include "interrupt.h"
 #include "model_loader.h"
 #include "output_folders.h"
 #include "output_plan.h"
@@ -18,6 +19,8 @@
 #include <tonwerk/tonwerk_proc_multistem.h>
 
 #include <filesystem>
+#include <iostream>
+#include <new>
 #include <set>
 
 namespace tonwerk::tools {
@@ -186,7 +189,52 @@ void writeJson(const std::string& path, const std::string& json, Console& consol
     writeFileBytes(path, std::vector<unsigned char>(json.begin(), json.end()));
 }
 
+// One request of a server: "INPUT" or "INPUT<tab>OUTDIR".
+SeparateOptions requestOptions(const SeparateOptions& options, const std::string& line) {
+    SeparateOptions request = options;
+    const std::size_t tab = line.find('\t');
+    request.inputs = {line.substr(0, tab)};
+    if (tab != std::string::npos) request.outDir = line.substr(tab + 1);
+    return request;
+}
+
+// The answer line for one request; every failure but an interruption is
+// the input's own and is answered, so the server goes on with the next.
+std::string serveRequest(const SeparateOptions& request, ModelOnce& model, Console& console) {
+    const std::string& input = request.inputs.front();
+    try {
+        const Clock::time_point started = Clock::now();
+        const std::vector<InputPlan> plans = planRun(request);
+        if (plans.size() != 1) throw inputError(input + " is a folder: name its files one by one");
+        InputReport report{input, true, 0, 0, 0, {}, {}, 0, {}};
+        if (!plans.front().skip) report = separateInput(plans.front(), request, model, console, {});
+        report.wallSeconds = std::chrono::duration<double>(Clock::now() - started).count();
+        return inputReportJson(report);
+    } catch (const ToolError& error) {
+        if (error.exitStatus() == exitInterrupted) throw;
+        return failedInputJson(input, oneLine(error.what()));
+    } catch (const std::bad_alloc&) {
+        return failedInputJson(input, "out of memory");
+    } catch (const std::exception& error) {
+        return failedInputJson(input, oneLine(error.what()));
+    }
+}
+
 }  // namespace
+
+int runServeCommand(const SeparateOptions& options) {
+    Console console;
+    planRun(options);  // no inputs yet: checks --name and the like before the first request
+    ModelOnce model(options, console);
+    interruptWhenOrphaned();
+    for (std::string line; std::getline(std::cin, line);) {
+        throwIfInterrupted();
+        console.out() << serveRequest(requestOptions(options, line), model, console) << '\n';
+        checkWritten(console.out());
+    }
+    throwIfInterrupted();  // a signal ends the wait for a line as the end of input would
+    return exitOk;
+}
 
 int runSeparateCommand(const SeparateOptions& options, Clock::time_point started) {
     const std::vector<InputPlan> plans = planRun(options);

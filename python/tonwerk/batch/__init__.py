@@ -1,0 +1,8 @@
+"""Separating many songs on a Dask cluster: python3 -m tonwerk.batch.
+
+Every song is one task. Each worker process keeps one tonwerk-separate
+server (its --serve mode), so the model is loaded once per process and the
+stems are written by the same code as a tonwerk-separate run: same formats,
+resampling, names, and files that appear whole under their final names or
+not at all. See `python3 -m tonwerk.batch --help`.
+"""

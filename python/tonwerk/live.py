@@ -9,7 +9,6 @@ For audio callbacks use the C interface's adapter (tonwerk_live.h); this
 class runs the engine on the calling thread, for renders and evaluation.
 """
 import ctypes
-import os
 
 import numpy as np
 
@@ -29,10 +28,7 @@ class LiveSeparator:
 
     def __init__(self, model, update=4, lookahead=4, stems=STEMS):
         self._lib = _library.load_live()
-        if isinstance(model, (str, os.PathLike)):
-            with open(model, "rb") as file:
-                model = file.read()
-        data = bytes(model)
+        data = separator.model_bytes(model)
         settings = _library.LiveSettings()
         self._lib.tw_live_default_settings(ctypes.byref(settings))
         settings.stem_mask, settings.update, settings.lookahead = _stem_mask(stems), update, lookahead

@@ -29,6 +29,14 @@ def _check(status, last_error=None):
         raise TonwerkError(status, message or _library.STATUS_NAMES.get(status, "error %d" % status))
 
 
+def model_bytes(source):
+    """A model's bytes from a file path, or `source` itself as bytes."""
+    if isinstance(source, (str, os.PathLike)):
+        with open(source, "rb") as file:
+            return file.read()
+    return bytes(source)
+
+
 def library_version():
     """The C library's version, "MAJOR.MINOR.PATCH"."""
     return _library.load().tw_version().decode()
@@ -43,11 +51,7 @@ class Model:
 
     def __init__(self, source, key=None):
         lib = _library.load()
-        if isinstance(source, (str, os.PathLike)):
-            with open(source, "rb") as file:
-                data = file.read()
-        else:
-            data = bytes(source)
+        data = model_bytes(source)
         key_bytes = key.encode() if isinstance(key, str) else bytes(key or b"")
         handle = ctypes.c_void_p()
         _check(lib.tw_context_create(data, len(data), key_bytes or None, len(key_bytes), ctypes.byref(handle)))

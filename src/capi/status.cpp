@@ -44,6 +44,11 @@ tw_status failFromCurrentException(const char* function) {
     }
 }
 
+std::string stemMaskProblem(std::uint32_t mask) {
+    if ((mask & ~static_cast<std::uint32_t>(TW_STEMS_ALL)) == 0) return {};
+    return "stem_mask " + std::to_string(mask) + " has bits outside TW_STEMS_ALL (63)";
+}
+
 const char* lastError() {
     return lastErrorText.c_str();
 }

@@ -3,6 +3,7 @@
 
 #include "tonwerk/tonwerk_c.h"
 
+#include <cstdint>
 #include <string>
 
 namespace tonwerk::capi {
@@ -25,5 +26,9 @@ tw_status guarded(const char* function, Body&& body) noexcept {
 }
 
 const char* lastError();
+
+// Empty when every bit of `mask` is one of TW_STEMS_ALL; otherwise the
+// message that refuses it.
+std::string stemMaskProblem(std::uint32_t mask);
 
 }  // namespace tonwerk::capi

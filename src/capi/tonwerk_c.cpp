@@ -85,9 +85,8 @@ tw_status tw_processor_create(tw_context* context, uint32_t stem_mask, tw_proces
     if (processor == nullptr) return fail(TW_ERROR_INVALID_ARGUMENT, kFunction, "processor is NULL");
     *processor = nullptr;
     if (context == nullptr) return fail(TW_ERROR_INVALID_ARGUMENT, kFunction, "context is NULL");
-    if ((stem_mask & ~TW_STEMS_ALL) != 0) {
-        return fail(TW_ERROR_INVALID_ARGUMENT, kFunction,
-                    "stem_mask " + std::to_string(stem_mask) + " has bits outside TW_STEMS_ALL (63)");
+    if (const std::string problem = tonwerk::capi::stemMaskProblem(stem_mask); !problem.empty()) {
+        return fail(TW_ERROR_INVALID_ARGUMENT, kFunction, problem);
     }
     return guarded(kFunction, [&] {
         tonwerk::TonwerkProc proc(context->model, interleavedStereo(stem_mask));

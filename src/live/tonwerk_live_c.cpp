@@ -38,9 +38,8 @@ tw_live_settings checkedSettings(const tw_live_settings* given) {
     tw_live_settings settings;
     tw_live_default_settings(&settings);
     if (given != nullptr) settings = *given;
-    if ((settings.stem_mask & ~TW_STEMS_ALL) != 0) {
-        throw std::invalid_argument("stem_mask " + std::to_string(settings.stem_mask) +
-                                    " has bits outside TW_STEMS_ALL (63)");
+    if (const std::string problem = tonwerk::capi::stemMaskProblem(settings.stem_mask); !problem.empty()) {
+        throw std::invalid_argument(problem);
     }
     tonwerk::checkLiveSettings({settings.update, settings.lookahead});
     return settings;

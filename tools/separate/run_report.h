@@ -31,6 +31,14 @@ struct InputReport {
     std::vector<StemReport> stems;
 };
 
+// The report of an input whose stems all existed.
+inline InputReport skippedInput(const std::string& input) {
+    InputReport report;
+    report.input = input;
+    report.skipped = true;
+    return report;
+}
+
 struct RunReport {
     std::string model;
     std::vector<InputReport> inputs;

@@ -206,7 +206,7 @@ std::string serveRequest(const SeparateOptions& request, ModelOnce& model, Conso
         const Clock::time_point started = Clock::now();
         const std::vector<InputPlan> plans = planRun(request);
         if (plans.size() != 1) throw inputError(input + " is a folder: name its files one by one");
-        InputReport report{input, true, 0, 0, 0, {}, {}, 0, {}};
+        InputReport report = skippedInput(input);
         if (!plans.front().skip) report = separateInput(plans.front(), request, model, console, {});
         report.wallSeconds = std::chrono::duration<double>(Clock::now() - started).count();
         return inputReportJson(report);
@@ -248,7 +248,7 @@ int runSeparateCommand(const SeparateOptions& options, Clock::time_point started
             if (options.verbosity != Verbosity::quiet) {
                 console.err() << "tonwerk-separate: skipping " << plans[i].input << ": its stem files exist\n";
             }
-            run.inputs.push_back({plans[i].input, true, 0, 0, 0, {}, {}, 0, {}});
+            run.inputs.push_back(skippedInput(plans[i].input));
             continue;
         }
         // The first input's time includes loading the model, as a single run's always did.

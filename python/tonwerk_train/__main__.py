@@ -19,7 +19,11 @@ def main(argv):
         sub.set_defaults(module=module)
         importlib.import_module(module).add_arguments(sub)
     args = parser.parse_args(argv)
-    return importlib.import_module(args.module).run(args)
+    try:
+        return importlib.import_module(args.module).run(args)
+    except ValueError as error:  # bad data or settings: the message says what, no traceback needed
+        print("%s: %s" % (args.command, error), file=sys.stderr)
+        return 2
 
 
 if __name__ == "__main__":

@@ -1,19 +1,20 @@
 """Multitrack datasets as songs: which files sum to which of our six stems.
 
 Layouts read (names are sorted; a song's name is its folder relative to root):
-  musdb     root/{train,test}/<song>/{vocals,drums,bass,other}.wav (MUSDB18-HQ),
-            or root = one split folder. Piano and guitars hide in other.wav.
+  musdb     root/<song>/{vocals,drums,bass,other}.wav, root one split folder
+            of MUSDB18-HQ (train/ or test/). Piano and guitars hide in other.wav.
   moisesdb  root/<track-uuid>/data.json plus <stem folder>/<source-uuid>.<ext>
             (also one folder deeper, root/<provider>/<track-uuid>). data.json
             lists "stems": [{"stemName", "tracks": [{"id", "trackType",
             "extension"}]}]; MOISESDB maps each source.
-  slakh     root/{train,validation,test,omitted}/TrackXXXXX/ (or root = a
-            split folder) with metadata.yaml and stems/SXX.flac (Slakh2100);
+  slakh     root/TrackXXXXX/ with metadata.yaml and stems/SXX.flac, root one
+            split folder of Slakh2100 (train/, validation/, test/ or omitted/);
             General MIDI program classes pick the stem.
   folder    root/<song>/<stem>.<ext>, stem one of STEMS (or "drums"), ext
             wav/flac/ogg/aiff/aif; other audio files are "other".
 The mixture is always the sum of every file of the song, so no mixture file
-is read.
+is read. A dataset root that holds split folders is refused: reading every
+split at once is how test songs end up in training.
 """
 import json
 from dataclasses import dataclass, field
@@ -86,24 +87,37 @@ def _found(songs, root, layout, why):
     return sorted(songs, key=lambda song: song.name)
 
 
-def _split_songs(root, splits, looks_like_song):
-    """Song folders under root's split folders, or under root if it is a split itself."""
+# The split folders of the layouts that have them; "test" is for evaluation only.
+SPLITS = {"musdb": ("train", "test"), "slakh": ("train", "validation", "test", "omitted")}
+TEST_SPLIT = "test"
+
+
+def split_of(kind, root):
+    """The split a dataset location reads (its folder's name), or None for layouts without splits."""
+    name = Path(root).name
+    return name if name in SPLITS.get(kind, ()) else None
+
+
+def _split_songs(root, kind, looks_like_song):
+    """Song folders directly under root, which must be one split, not the dataset root."""
     root = Path(root)
-    found = [d for s in splits for d in _dirs(root / s)] or _dirs(root)
-    return [d for d in found if looks_like_song(d)]
+    held = [s for s in SPLITS[kind] if any(looks_like_song(d) for d in _dirs(root / s))]
+    if held:
+        raise ValueError(f"{root}: holds the splits {', '.join(held)}; name the one to read, e.g. {root / held[0]}")
+    return [d for d in _dirs(root) if looks_like_song(d)]
 
 
 def read_musdb(root):
     mapping = {"vocals": "vocals", "drums": "drum", "bass": "bass"}
     songs = []
     names = (*mapping, "other")
-    for d in _split_songs(root, ("train", "test"), lambda d: any((d / f"{n}.wav").is_file() for n in names)):
+    for d in _split_songs(root, "musdb", lambda d: any((d / f"{n}.wav").is_file() for n in names)):
         missing = [f"{n}.wav" for n in names if not (d / f"{n}.wav").is_file()]
         if missing:
             raise ValueError(f"{d}: MUSDB song folder without {', '.join(missing)}")
         songs.append(Song(d.relative_to(root).as_posix(), {s: [str(d / f"{n}.wav")] for n, s in mapping.items()},
                           [str(d / "other.wav")], frozenset(mapping.values())))
-    return _found(songs, root, "MUSDB18-HQ", "no <song>/{vocals,drums,bass,other}.wav under train/, test/ or root")
+    return _found(songs, root, "MUSDB18-HQ", "no <song>/{vocals,drums,bass,other}.wav")
 
 
 def _norm(label):
@@ -167,8 +181,7 @@ def _slakh_song(track_dir, root):
 
 
 def read_slakh(root):
-    splits = ("train", "validation", "test", "omitted")
-    tracks = _split_songs(root, splits, lambda d: (d / "metadata.yaml").is_file())
+    tracks = _split_songs(root, "slakh", lambda d: (d / "metadata.yaml").is_file())
     return _found([_slakh_song(t, Path(root)) for t in tracks], root, "Slakh2100", "no TrackXXXXX/metadata.yaml")
 
 

@@ -38,9 +38,10 @@ class ContractModel(nn.Module):
 
 
 def load_network(checkpoint):
+    """The network a checkpoint exports: its weights' moving average where it has one."""
     state = torch.load(checkpoint, map_location="cpu")
     network = Separator(ModelConfig.from_dict(state["config"]["model"]))
-    network.load_state_dict(state["model"])
+    network.load_state_dict(state.get("ema", state["model"]))
     return network.eval(), state
 
 

@@ -1,9 +1,13 @@
-"""Training: random segments of multitrack songs, augmented on the fly,
-an L1 loss on the stems' spectra, validation SDR per epoch, checkpoints.
+"""Training: aligned segments of multitrack songs, remixed and augmented on
+the fly, an L1 loss on the stems' spectra, an exponential moving average of
+the weights, validation SDR over whole songs per epoch, checkpoints.
 
 Every step's data comes from a generator seeded by (seed, step), so a run
-resumed from its checkpoint continues exactly as if it had not stopped.
+resumed from its checkpoint continues exactly as if it had not stopped. A
+run's settings, its learning-rate schedule among them, are fixed when it
+starts; resuming with other values is refused.
 """
+import copy
 import json
 import math
 import os
@@ -14,69 +18,17 @@ import numpy as np
 import torch
 
 from tonwerk_train import datasets
+from tonwerk_train.examples import batch
 from tonwerk_train.metrics import sdr, sounds
-from tonwerk_train.model import PRESETS, SOURCES, ModelConfig, Separator
+from tonwerk_train.model import PRESETS, ModelConfig, Separator
+from tonwerk_train.song_cache import SongCache, check_disjoint
 from tonwerk_train.stems import STEMS
 from tonwerk_train.stft import FFT_SIZE, HOP, SEGMENT_FRAMES, istft, stft
 
-OTHER = len(STEMS)  # row of "other" in the source arrays
-
-
-class SongCache:
-    """Songs decoded once into float16 arrays (7 sources, 2, samples) that
-    are memory-mapped, so a segment costs a read of just that segment."""
-
-    def __init__(self, songs, folder):
-        os.makedirs(folder, exist_ok=True)
-        self.arrays, self.known = [], []
-        for song in songs:
-            path = os.path.join(folder, song.name.replace("/", "_") + ".npy")
-            if not os.path.exists(path):
-                stems, other, known = datasets.load_song(song)
-                temp = path + ".tmp.npy"
-                np.save(temp, np.concatenate([stems, other[None]]).astype(np.float16))
-                os.replace(temp, path)
-            self.arrays.append(np.load(path, mmap_mode="r"))
-            self.known.append(np.array([s in song.known for s in STEMS]))
-        if not self.arrays:
-            raise ValueError("no songs to train on in %s" % folder)
-
-    def segment(self, song, source, length, rng):
-        array = self.arrays[song]
-        start = int(rng.integers(0, max(1, array.shape[-1] - length)))
-        out = np.zeros((2, length), np.float32)
-        piece = array[source, :, start:start + length]
-        out[:, :piece.shape[-1]] = piece
-        return out
-
-
-def make_example(cache, length, rng, remix=0.5):
-    """(sources (7, 2, L), known (6,)): one song's segment, or with
-    probability `remix` each source from a random song (a stem only from a
-    song that labels it). Each source gets a gain, and maybe a
-    channel swap and a polarity flip; the mixture (their sum) is scaled down
-    when it would clip, the sources with it."""
-    song = int(rng.integers(len(cache.arrays)))
-    mixing = rng.random() < remix
-    lenders = []
-    for source in range(SOURCES):
-        pick = int(rng.integers(len(cache.arrays))) if mixing else song
-        labels = cache.known[pick]
-        lenders.append(pick if source == OTHER or labels[source] else song)
-    # A stem is labelled exactly when the song that lent "other" labels it:
-    # then "other" hides none of it (where the stem's own lender does not
-    # label it, that row is silence, and so is the stem).
-    known = cache.known[lenders[OTHER]].copy()
-    sources = np.zeros((SOURCES, 2, length), np.float32)
-    for source, pick in enumerate(lenders):
-        audio = cache.segment(pick, source, length, rng)
-        audio *= 10 ** (rng.uniform(-6, 3) / 20) * (-1 if rng.random() < 0.5 else 1)
-        sources[source] = audio[::-1] if rng.random() < 0.5 else audio
-    peak = float(np.abs(sources.sum(0)).max())
-    if peak > 1.0:
-        sources /= peak
-    return sources, known
-
+# The settings a run keeps from its start, with their defaults.
+SETTINGS = {"preset": "cpu", "epochs": 10, "steps": 200, "batch": 8, "frames": 128, "lr": 1e-3, "seed": 1,
+            "remix": 0.5, "ema": 0.999}
+WARMUP_STEPS = 100
 
 def loss_fn(masks, mixture, targets, known):
     """L1 between masked mixture and target spectra (real and imaginary
@@ -91,15 +43,6 @@ def loss_fn(masks, mixture, targets, known):
     grouped = ((error_re * pooled).sum(1).abs() + (error_im * pooled).sum(1).abs()).mean(dim=(1, 2, 3))
     loss = (per_source * weight).sum(1) + grouped * (~labelled[:, 0]).float()
     return (loss / (mixture.abs().mean(dim=(1, 2, 3)) + 1e-6)).mean()
-
-
-def batch(cache, config, rng):
-    length = (config["frames"] - 1) * HOP + FFT_SIZE
-    examples = [make_example(cache, length, rng) for _ in range(config["batch"])]
-    sources = torch.from_numpy(np.stack([e[0] for e in examples]))
-    known = torch.from_numpy(np.stack([e[1] for e in examples]))
-    spectra = stft(sources)  # (B, 7, 2, T, BINS)
-    return spectra.sum(1), spectra, known
 
 
 def separate(model, mixture):
@@ -118,13 +61,13 @@ def separate(model, mixture):
     return estimates[..., FFT_SIZE:FFT_SIZE + samples].numpy()
 
 
-def validate(model, songs, seconds=12.0):
-    """Mean SDR over stems of the mean over songs where the stem sounds."""
+def validate(model, songs):
+    """Mean SDR over stems of the mean over songs where the stem sounds, each
+    song separated whole. `songs`: a SongCache."""
     model.eval()
     scores = [[] for _ in STEMS]
-    for song in songs:
-        stems, other, known = datasets.load_song(song)
-        stems, other = stems[..., :int(seconds * 44100)], other[..., :int(seconds * 44100)]
+    for index in range(len(songs)):
+        stems, other, known = songs.song(index)
         estimates = separate(model, stems.sum(0) + other)
         for i in range(len(STEMS)):
             if known[i] and sounds(stems[i]):
@@ -132,6 +75,50 @@ def validate(model, songs, seconds=12.0):
     model.train()
     per_stem = {stem: float(np.mean(s)) if s else float("nan") for stem, s in zip(STEMS, scores)}
     return float(np.nanmean(list(per_stem.values()))), per_stem
+
+
+class Average:
+    """An exponential moving average of a network's weights: what validation
+    scores and export writes. The decay ramps up over the first steps, so
+    the average does not remember the random start."""
+
+    def __init__(self, network, decay):
+        self.decay = decay
+        self.network = copy.deepcopy(network)
+        self.network.requires_grad_(False)
+
+    @torch.no_grad()
+    def update(self, network, step):
+        rate = min(self.decay, (1 + step) / (10 + step))
+        for mine, theirs in zip(self.network.parameters(), network.parameters()):
+            mine.lerp_(theirs, 1 - rate)
+
+
+def train_step(model, average, optimizer, cache, config, rng, step, device, lap=lambda phase: None):
+    """One optimiser step on one batch; returns the loss. `lap(phase)` is
+    called as each phase ends, so a benchmark can time them."""
+    sources, known = batch(cache, config, rng)
+    lap("data")
+    targets = stft(sources.to(device))  # (B, 7, 2, T, BINS)
+    mixture = targets.sum(1)
+    lap("transform")
+    masks = model.masks(mixture.abs())
+    lap("forward")
+    loss = loss_fn(masks, mixture, targets, known.to(device))
+    lap("loss")
+    optimizer.zero_grad()
+    loss.backward()
+    lap("backward")
+    torch.nn.utils.clip_grad_norm_(model.parameters(), 5.0)
+    optimizer.step()
+    average.update(model, step)
+    lap("optimiser")
+    return float(loss)
+
+
+def learning_rate(step, total):
+    """The factor on --lr: a linear warm-up, then a half cosine to zero at `total`."""
+    return min(1.0, (step + 1) / WARMUP_STEPS) * 0.5 * (1 + math.cos(math.pi * min(step, total) / total))
 
 
 class Progress:
@@ -159,88 +146,127 @@ def save(path, state):
 
 def add_arguments(parser):
     parser.add_argument("--data", action="append", required=True, metavar="KIND:ROOT",
-                        help="training songs, e.g. folder:songs/ or musdb:/data/musdb18hq (repeatable)")
-    parser.add_argument("--valid", action="append", default=[], metavar="KIND:ROOT")
+                        help="training songs, e.g. folder:songs/ or musdb:/data/musdb18hq/train (repeatable)")
+    parser.add_argument("--valid", action="append", default=[], metavar="KIND:ROOT",
+                        help="validation songs (repeatable); they may share no audio with the training songs")
+    parser.add_argument("--holdout", type=int, default=0, metavar="N",
+                        help="validate on N of the training songs (evenly spread), left out of training")
     parser.add_argument("--out", required=True, help="folder for checkpoints and the log")
-    parser.add_argument("--preset", choices=sorted(PRESETS), default="cpu")
-    parser.add_argument("--epochs", type=int, default=10)
-    parser.add_argument("--steps", type=int, default=200, help="steps per epoch")
-    parser.add_argument("--batch", type=int, default=8)
-    parser.add_argument("--frames", type=int, default=128, help="STFT frames per training segment")
+    parser.add_argument("--preset", choices=sorted(PRESETS))
+    parser.add_argument("--epochs", type=int, help="the run's length; fixed at its start (default 10)")
+    parser.add_argument("--steps", type=int, help="steps per epoch (default 200)")
+    parser.add_argument("--batch", type=int, help="segments per step (default 8)")
+    parser.add_argument("--frames", type=int, help="STFT frames per training segment (default 128)")
+    parser.add_argument("--remix", type=float,
+                        help="share of examples whose sources come from different songs (default 0.5)")
+    parser.add_argument("--ema", type=float, help="decay per step of the weights' moving average (default 0.999)")
     parser.add_argument("--stop-after", type=int, default=0, metavar="EPOCHS",
                         help="end this invocation after EPOCHS epochs; the same command resumes the run")
-    parser.add_argument("--lr", type=float, default=1e-3)
+    parser.add_argument("--lr", type=float, help="peak learning rate (default 1e-3)")
     parser.add_argument("--init", metavar="CHECKPOINT",
                         help="start from this checkpoint's network (its preset too) with a fresh schedule: fine-tuning")
-    parser.add_argument("--seed", type=int, default=1)
-    parser.add_argument("--valid-songs", type=int, default=8)
+    parser.add_argument("--seed", type=int, help="seed of the network and of every step's data (default 1)")
+    parser.add_argument("--valid-songs", type=int, default=0, metavar="N",
+                        help="validate on N of the validation songs, evenly spread (default all)")
     parser.add_argument("--threads", type=int, default=os.cpu_count())
     parser.add_argument("--device", default="cuda" if torch.cuda.is_available() else "cpu")
 
 
 def read_songs(locations):
+    """Songs from KIND:ROOT locations; a test split is refused."""
     songs = []
     for location in locations:
         kind, _, root = location.partition(":")
+        if datasets.split_of(kind, root) == datasets.TEST_SPLIT:
+            raise ValueError("%s: the test split is for evaluation only; train and validate on other songs "
+                             "(--holdout N validates on N of the training songs)" % location)
         songs += datasets.read_dataset(kind, root)
     return songs
 
 
+def spread(songs, count):
+    """`count` songs evenly spread over the list (all of them for 0)."""
+    if not 0 < count < len(songs):
+        return list(songs)
+    return [songs[i * len(songs) // count] for i in range(count)]
+
+
+def settings(args, state, start):
+    """The run's settings: those it started with when it resumes (options
+    that disagree are refused), else the options over the defaults."""
+    given = {name: getattr(args, name) for name in SETTINGS if getattr(args, name) is not None}
+    if state:
+        config = {**SETTINGS, **state["config"]}
+        differ = ["--%s %s" % (name, config[name]) for name, value in given.items() if config[name] != value]
+        if differ:
+            raise ValueError("%s was started with %s; a resumed run keeps its settings and schedule (train "
+                             "longer by fine-tuning from it with --init)" % (args.out, ", ".join(differ)))
+        return config
+    config = {**SETTINGS, **given, "init": args.init}
+    config["model"] = start["config"]["model"] if start else PRESETS[config["preset"]].to_dict()
+    return config
+
+
+def songs_to_use(args, cache_folder):
+    """(training cache, validation cache or None), proven to share no audio."""
+    songs = read_songs(args.data)
+    valid = read_songs(args.valid)
+    held = spread(songs, args.holdout) if args.holdout else []
+    songs = [song for song in songs if song not in held]
+    valid = spread(valid, args.valid_songs) + held
+    train = SongCache(songs, cache_folder)
+    valid = SongCache(valid, cache_folder) if valid else None
+    if valid:
+        check_disjoint(train, valid)
+    return train, valid
+
+
 def run(args):
     torch.set_num_threads(args.threads)
-    torch.manual_seed(args.seed)
     os.makedirs(args.out, exist_ok=True)
     checkpoint = os.path.join(args.out, "checkpoint.pt")
     start = torch.load(args.init) if args.init else None
-    config = {"preset": args.preset, "batch": args.batch, "frames": args.frames, "lr": args.lr, "seed": args.seed,
-              "steps": args.steps, "epochs": args.epochs, "init": args.init,
-              "model": start["config"]["model"] if start else PRESETS[args.preset].to_dict()}
     state = torch.load(checkpoint) if os.path.exists(checkpoint) else None
-    if state:  # the run's settings stay; only its length may grow
-        config = {**state["config"], "epochs": args.epochs}
+    config = settings(args, state, start)
+    cache, valid = songs_to_use(args, os.path.join(args.out, "cache"))
+    torch.manual_seed(config["seed"])
     model = Separator(ModelConfig.from_dict(config["model"]))
     if start and not state:  # a resumed fine-tuning run continues from its own checkpoint
-        model.load_state_dict(start["model"])
+        model.load_state_dict(start.get("ema", start["model"]))
     model.to(args.device)
+    average = Average(model, config["ema"])
     optimizer = torch.optim.AdamW(model.parameters(), lr=config["lr"], weight_decay=1e-4)
     total = config["epochs"] * config["steps"]
-    schedule = torch.optim.lr_scheduler.LambdaLR(
-        optimizer, lambda s: min(1.0, (s + 1) / 100) * 0.5 * (1 + math.cos(math.pi * min(s, total) / total)))
+    schedule = torch.optim.lr_scheduler.LambdaLR(optimizer, lambda s: learning_rate(s, total))
     step, best = 0, -float("inf")
     if state:
         model.load_state_dict(state["model"])
+        average.network.load_state_dict(state.get("ema", state["model"]))
         optimizer.load_state_dict(state["optimizer"])
         schedule.load_state_dict(state["schedule"])
         step, best = state["step"], state["best"]
         print("train: resuming at step %d of %d" % (step, total))
-    cache = SongCache(read_songs(args.data), os.path.join(args.out, "cache"))
-    valid = read_songs(args.valid)[: args.valid_songs]
     log = open(os.path.join(args.out, "log.jsonl"), "a")
     progress = Progress(total, step)
     stop = min(total, step + args.stop_after * config["steps"]) if args.stop_after else total
     while step < stop:
         started, losses = time.time(), []
         for _ in range(config["steps"] - step % config["steps"]):
-            mixture, targets, known = batch(cache, config, np.random.default_rng([config["seed"], step]))
-            masks = model.masks(mixture.abs().to(args.device))
-            loss = loss_fn(masks, mixture.to(args.device), targets.to(args.device), known.to(args.device))
-            optimizer.zero_grad()
-            loss.backward()
-            torch.nn.utils.clip_grad_norm_(model.parameters(), 5.0)
-            optimizer.step()
+            rng = np.random.default_rng([config["seed"], step])
+            losses.append(train_step(model, average, optimizer, cache, config, rng, step, args.device))
             schedule.step()
             step += 1
-            losses.append(float(loss))
             progress.update(step, float(np.mean(losses[-20:])))
-        score, per_stem = validate(model.cpu(), valid) if valid else (float("nan"), {})
-        model.to(args.device)
+        score, per_stem = validate(average.network.cpu(), valid) if valid else (float("nan"), {})
+        average.network.to(args.device)
         record = {"epoch": step // config["steps"], "step": step, "loss": float(np.mean(losses)),
                   "valid_sdr": score, "valid_per_stem": per_stem, "seconds": time.time() - started}
         log.write(json.dumps(record) + "\n")
         log.flush()
         print("\nepoch %d: loss %.4f, validation SDR %.2f dB, %.0f s" % (
             record["epoch"], record["loss"], score, record["seconds"]), flush=True)
-        state = {"model": model.state_dict(), "optimizer": optimizer.state_dict(), "schedule": schedule.state_dict(),
+        state = {"model": model.state_dict(), "ema": average.network.state_dict(),
+                 "optimizer": optimizer.state_dict(), "schedule": schedule.state_dict(),
                  "step": step, "best": max(best, score if score == score else best), "config": config}
         save(checkpoint, state)
         if score == score and score > best or not valid:

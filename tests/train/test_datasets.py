@@ -1,6 +1,7 @@
 """The dataset readers on tiny folders of each layout. Every audio file holds its
 own power of two, so a stem's value tells exactly which files were summed into it."""
 import json
+import re
 
 import numpy as np
 import pytest
@@ -10,6 +11,7 @@ import yaml
 from tonwerk_train.audio import read_audio
 from tonwerk_train.datasets import load_song, moisesdb_stem, read_dataset
 from tonwerk_train.stems import STEMS
+from tonwerk_train.train import read_songs
 
 GUITARS_UNKNOWN = {"acoustic_guitar": None, "electric_guitar": None}
 
@@ -49,13 +51,12 @@ SLAKH = {f"S{i:02d}": {"program_num": p, "is_drum": i == 6, "audio_rendered": i 
 
 
 @pytest.mark.parametrize("kind, sub, files, name, stems, other", [
-    ("musdb", "", MUSDB, "train/A", MUSDB_STEMS, 1 / 16),
     ("musdb", "train", MUSDB, "A", MUSDB_STEMS, 1 / 16),
     ("moisesdb", "", MOISES, "t1", {"vocals": 3 / 4, "acoustic_guitar": 1 / 8, "electric_guitar": 1 / 16,
                                     "drum": 1 / 64}, 1 / 32),
     ("moisesdb", "", MOISES, "t2", {"bass": 1 / 4, **GUITARS_UNKNOWN}, 1 / 2),
-    ("slakh", "", {"test/Track1/metadata.yaml": yaml.safe_dump({"stems": SLAKH}),
-                   **{f"test/Track1/stems/S{i:02d}.flac": 2.0 ** -(i + 1) for i in range(8)}}, "test/Track1",
+    ("slakh", "test", {"test/Track1/metadata.yaml": yaml.safe_dump({"stems": SLAKH}),
+                   **{f"test/Track1/stems/S{i:02d}.flac": 2.0 ** -(i + 1) for i in range(8)}}, "Track1",
      {"piano": 1 / 2, "acoustic_guitar": 1 / 8, "electric_guitar": 1 / 16, "bass": 1 / 32, "drum": 1 / 128}, 17 / 64),
     ("folder", "", {"s/vocals.wav": 1 / 2, "s/drums.flac": (1 / 4, 200), "s/Piano.aiff": 1 / 8, "s/crowd.wav": 1 / 16,
                     "s/mixture.wav": 1.0, "s/notes.txt": "not audio"},
@@ -83,18 +84,27 @@ def test_moisesdb_mapping(stem_name, track_type, stem):
     assert moisesdb_stem(stem_name, track_type) == stem
 
 
-@pytest.mark.parametrize("kind, files, culprit", [
-    ("musdb", ["train/A/vocals.wav", "train/A/drums.wav"], "train/A"),
-    ("musdb", ["t1/guitar/src0.wav"], ""),
-    ("moisesdb", ["train/A/vocals.wav"], ""),
-    ("moisesdb", {"t1/data.json": MOISES["t1/data.json"]}, "t1"),
-    ("slakh", ["Track00001/stems/S00.flac"], ""),
-    ("folder", ["train/A/vocals.wav"], ""),
+@pytest.mark.parametrize("kind, files, culprit, why", [
+    ("musdb", ["A/vocals.wav", "A/drums.wav"], "A", "without bass.wav"),
+    ("musdb", ["t1/guitar/src0.wav"], "", "not a MUSDB"),
+    ("musdb", MUSDB, "", "holds the splits train, test; name the one to read"),  # reading both is a leak
+    ("moisesdb", ["train/A/vocals.wav"], "", "not a MoisesDB"),
+    ("moisesdb", {"t1/data.json": MOISES["t1/data.json"]}, "t1", "no audio file"),
+    ("slakh", ["Track00001/stems/S00.flac"], "", "not a Slakh"),
+    ("slakh", {"validation/T/metadata.yaml": "{}"}, "", "holds the splits validation;"),
+    ("folder", ["train/A/vocals.wav"], "", "not a song-folder"),
 ])
-def test_wrong_layout_names_the_folder(tmp_path, kind, files, culprit):
+def test_wrong_layout_names_the_folder(tmp_path, kind, files, culprit, why):
     make(tmp_path, files if isinstance(files, dict) else dict.fromkeys(files, 0.5))
-    with pytest.raises(ValueError, match=str(tmp_path / culprit).rstrip("/")):
+    with pytest.raises(ValueError, match=re.escape(str(tmp_path / culprit).rstrip("/") + ": ") + ".*" + why):
         read_dataset(kind, tmp_path)
+
+
+def test_training_refuses_a_test_split(tmp_path):
+    make(tmp_path, MUSDB)
+    assert [song.name for song in read_songs(["musdb:%s" % (tmp_path / "train")])] == ["A"]
+    with pytest.raises(ValueError, match="test/: the test split is for evaluation only"):
+        read_songs(["musdb:%s/" % (tmp_path / "test")])
 
 
 @pytest.mark.parametrize("rate", [22050, 48000, 96000])

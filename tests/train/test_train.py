@@ -1,10 +1,19 @@
-"""What a wrong loss or a wrong label would teach silently: sources a song
-does not label, and examples remixed from songs that label different stems."""
+"""What a wrong loss, a wrong label or wrong data would teach silently:
+sources a song does not label, examples remixed from songs that label
+different stems, sources out of step with each other, cache entries mixed
+up between datasets, validation songs that are also training songs, and
+validation that sees only part of a song."""
 import numpy as np
 import pytest
+import soundfile
 import torch
 
-from tonwerk_train.train import OTHER, loss_fn, make_example
+from tonwerk_train.datasets import read_dataset
+from tonwerk_train.examples import OTHER, make_example
+from tonwerk_train.model import PRESETS, Separator
+from tonwerk_train.song_cache import SongCache, check_disjoint
+from tonwerk_train.stems import STEMS
+from tonwerk_train.train import loss_fn, validate
 
 FRAMES, BINS = 3, 5
 
@@ -56,7 +65,13 @@ class Cache:
     def __init__(self):
         self.lenders = {}
 
-    def segment(self, song, source, length, rng):
+    def __len__(self):
+        return len(self.known)
+
+    def start(self, song, length, rng):
+        return 0
+
+    def segment(self, song, source, start, length):
         self.lenders[source] = song
         return np.ones((2, length), np.float32)
 
@@ -71,3 +86,55 @@ def test_remixed_examples_label_only_what_their_sources_label():
         assert list(known) == list(cache.known[other]), (seed, cache.lenders, known)
         cases.add((other, tuple(sorted(set(cache.lenders.values())))))
     assert {(0, (0,)), (1, (1,)), (0, (0, 1)), (1, (0, 1))} <= cases
+
+
+def write_song(folder, signal, fmt="WAV"):
+    """Six stems and "other", each its own gain of one mono signal."""
+    folder.mkdir(parents=True)
+    for i, name in enumerate(STEMS + ("other",)):
+        soundfile.write(str(folder / (name + "." + fmt.lower())), signal * (i + 1) / 8, 44100, format=fmt,
+                        subtype="PCM_16")
+
+
+@pytest.fixture(scope="module")
+def songs(tmp_path_factory):
+    """Folders a: s, t; b: another s; c: t again as FLAC under another name;
+    d: a song whose vocals start after 12.5 s. Each returns its SongCache."""
+    root = tmp_path_factory.mktemp("songs")
+    noise = np.round(np.random.default_rng(5).uniform(-0.4, 0.4, (3, 20000)) * 4096) / 4096  # exact in 16 bits
+    write_song(root / "a/s", noise[0])
+    write_song(root / "a/t", noise[1])
+    write_song(root / "b/s", noise[2])
+    write_song(root / "c/t-copy", noise[1], "FLAC")
+    write_song(root / "d/late", np.sin(np.arange(13 * 44100) / 10.0) * (np.arange(13 * 44100) > 12.5 * 44100))
+    return lambda *folders: SongCache([s for f in folders for s in read_dataset("folder", root / f)], root / "cache")
+
+
+def test_sources_of_one_song_come_from_one_moment(songs):
+    cache = songs("a")
+    for seed in range(20):
+        sources, _ = make_example(cache, 4096, np.random.default_rng(seed), remix=0)
+        rows = sources.reshape(len(sources), -1)
+        rows = rows / np.linalg.norm(rows, axis=1, keepdims=True)
+        np.testing.assert_allclose(np.abs(rows @ rows.T), 1, atol=1e-3, err_msg="seed %d" % seed)
+
+
+def test_songs_of_equal_names_keep_their_own_audio(songs):
+    cache = songs("a", "b")
+    assert cache.names == ["s", "t", "s"]
+    assert not np.array_equal(cache.arrays[0], cache.arrays[2])
+
+
+@pytest.mark.parametrize("valid, refused", [("b", None), ("c", "t \\(training\\) = t-copy \\(validation\\)")])
+def test_validation_songs_must_not_be_training_songs(songs, valid, refused):
+    if refused is None:
+        check_disjoint(songs("a"), songs(valid))
+    else:
+        with pytest.raises(ValueError, match=refused):
+            check_disjoint(songs("a"), songs(valid))
+
+
+def test_validation_hears_whole_songs(songs):
+    torch.manual_seed(0)
+    _, per_stem = validate(Separator(PRESETS["tiny"]), songs("d"))
+    assert np.isfinite(per_stem["vocals"])

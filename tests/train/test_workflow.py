@@ -1,7 +1,7 @@
 """The whole path on seconds of data: generate songs, train a tiny network
-(stopped and resumed), export it, check it against the contract, stream
-audio through the library and compare with the network run in PyTorch,
-evaluate it."""
+(stopped and resumed), export its averaged weights, check it against the
+contract, stream audio through the library and compare with the network run
+in PyTorch, evaluate it."""
 import json
 import os
 import subprocess
@@ -14,6 +14,8 @@ import tonwerk
 from tonwerk_train.__main__ import main
 from tonwerk_train.datasets import load_song, read_dataset
 from tonwerk_train.export import library_reference, load_network
+from tonwerk_train.song_cache import SongCache
+from tonwerk_train.train import validate
 
 BUILD = os.environ.get("TONWERK_BUILD_DIR", os.path.join(os.path.dirname(__file__), "../../build"))
 # float32 FFTs and the runtime's kernels against PyTorch's, on stems peaking
@@ -24,12 +26,15 @@ PARITY = 1e-5
 @pytest.fixture(scope="module")
 def workshop(tmp_path_factory):
     root = tmp_path_factory.mktemp("workshop")
-    songs = root / "songs"
-    assert main(["generate", str(songs), "--songs", "2", "--seconds", "7", "--seed", "3"]) == 0
-    train = ["train", "--data", "folder:%s" % songs, "--valid", "folder:%s" % songs, "--preset", "tiny",
-             "--steps", "2", "--batch", "2", "--frames", "16", "--valid-songs", "1"]
+    songs, valid = root / "songs", root / "valid"
+    assert main(["generate", str(songs), "--songs", "3", "--seconds", "7", "--seed", "3"]) == 0
+    valid.mkdir()
+    os.rename(songs / "FluidR3_GM-00002", valid / "FluidR3_GM-00002")
+    train = ["train", "--data", "folder:%s" % songs, "--valid", "folder:%s" % valid, "--preset", "tiny",
+             "--steps", "2", "--batch", "2", "--frames", "16"]
     assert main(train + ["--out", str(root / "stopped"), "--epochs", "2", "--stop-after", "1"]) == 0
-    assert main(train + ["--out", str(root / "stopped"), "--epochs", "2"]) == 0
+    assert main(train + ["--out", str(root / "stopped"), "--epochs", "3"]) == 2  # would change the schedule
+    assert main(train + ["--out", str(root / "stopped")]) == 0
     assert main(train + ["--out", str(root / "straight"), "--epochs", "2"]) == 0
     # Fine-tuning at a learning rate of 0 keeps the network it starts from.
     assert main(train + ["--out", str(root / "tuned"), "--epochs", "1", "--lr", "0", "--preset", "cpu",
@@ -54,12 +59,26 @@ def test_a_resumed_run_ends_where_an_uninterrupted_one_does(workshop):
     stopped = torch.load(workshop / "stopped/checkpoint.pt")
     straight = torch.load(workshop / "straight/checkpoint.pt")
     assert stopped["step"] == straight["step"] == 4
-    for name, value in straight["model"].items():
-        assert torch.equal(stopped["model"][name], value), name
-    tuned = torch.load(workshop / "tuned/checkpoint.pt")
-    assert all(torch.equal(tuned["model"][name], value) for name, value in straight["model"].items())
+    for weights in ("model", "ema"):
+        for name, value in straight[weights].items():
+            assert torch.equal(stopped[weights][name], value), (weights, name)
+    tuned = torch.load(workshop / "tuned/checkpoint.pt")  # starts from the average, which export writes
+    assert all(torch.equal(tuned["model"][name], value) for name, value in straight["ema"].items())
     log = [json.loads(line) for line in open(workshop / "stopped/log.jsonl")]
     assert [r["step"] for r in log] == [2, 4] and all(np.isfinite(r["valid_sdr"]) for r in log)
+
+
+def test_validation_and_export_use_the_averaged_weights(workshop, capsys):
+    network, state = load_network(str(workshop / "stopped/checkpoint.pt"))
+    assert any(not torch.equal(state["model"][name], value) for name, value in state["ema"].items())
+    cache = SongCache(read_dataset("folder", str(workshop / "valid")), str(workshop / "cache"))
+    last = json.loads(open(workshop / "stopped/log.jsonl").readlines()[-1])
+    assert validate(network, cache)[0] == pytest.approx(last["valid_sdr"], abs=1e-6)
+    # The same songs for training and validation are refused before any step.
+    songs = "folder:%s" % (workshop / "songs")
+    assert main(["train", "--data", songs, "--valid", songs, "--out", str(workshop / "leak"), "--preset", "tiny",
+                 "--epochs", "1", "--steps", "1", "--batch", "1", "--frames", "16"]) == 2
+    assert "training and validation share audio" in capsys.readouterr().err
 
 
 def test_the_export_fits_the_contract(workshop):

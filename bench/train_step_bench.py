@@ -75,8 +75,12 @@ def main(argv):
     parser.add_argument("--warmup", type=int, default=3)
     parser.add_argument("--threads", type=int, default=os.cpu_count())
     parser.add_argument("--data", action="append")
+    parser.add_argument("--system-allocation", action="store_true",
+                        help="leave glibc's allocator as it is instead of as training sets it")
     args = parser.parse_args(argv)
     torch.set_num_threads(args.threads)
+    if not args.system_allocation:
+        train.keep_freed_memory()
     with tempfile.TemporaryDirectory() as folder:
         locations = args.data or noise_songs(os.path.join(folder, "songs"))
         cache = SongCache(train.read_songs(locations), os.path.join(folder, "cache"))

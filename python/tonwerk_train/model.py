@@ -54,7 +54,11 @@ def band_count(config):
 
 class BandGroups(nn.Module):
     """Per-band linear maps, one weight per band, grouped by bin width so a
-    group is one batched matrix product."""
+    group is one batched matrix product.
+
+    encode: features (B, T, BINS, per_bin_in) -> (B, bands, T, per_bin_out);
+    decode: (B, bands, T, per_bin_in) -> (B, per_bin_out, T, BINS), so the
+    decoded logits come out in the layout of the spectra they mask."""
 
     def __init__(self, config, per_bin_in, per_bin_out, encode):
         super().__init__()
@@ -71,44 +75,80 @@ class BandGroups(nn.Module):
             raise ValueError("bands cover %d bins, not %d" % (sum(w * c for w, c in config.bands), BINS))
 
     def forward(self, x):
-        """encode: (B, T, BINS, per_bin_in) -> (B, bands, T, per_bin_out);
-        decode: (B, bands, T, per_bin_in) -> (B, T, BINS, per_bin_out)."""
         outputs, start_bin, start_band = [], 0, 0
+        batch, frames = x.shape[0], x.shape[1] if self.encode else x.shape[2]
         for (width, count), weight, bias in zip(self.config.bands, self.weights, self.biases):
             if self.encode:
                 part = x[:, :, start_bin:start_bin + width * count, :]
-                part = part.reshape(x.shape[0], x.shape[1], count, width * self.per_bin_in).transpose(1, 2)
+                part = part.reshape(batch, frames, count, width * self.per_bin_in).transpose(1, 2)
                 outputs.append(torch.matmul(part, weight) + bias)
             else:
-                part = x[:, start_band:start_band + count]
-                out = torch.matmul(part, weight) + bias  # (B, count, T, width * out)
-                outputs.append(out.transpose(1, 2).reshape(x.shape[0], x.shape[2], width * count, self.per_bin_out))
+                out = torch.matmul(x[:, start_band:start_band + count], weight) + bias  # (B, count, T, out * width)
+                out = out.reshape(batch, count, frames, self.per_bin_out, width).permute(0, 3, 2, 1, 4)
+                outputs.append(out.reshape(batch, self.per_bin_out, frames, count * width))
             start_bin, start_band = start_bin + width * count, start_band + count
-        return torch.cat(outputs, dim=1 if self.encode else 2)
+        return torch.cat(outputs, dim=1 if self.encode else 3)
+
+
+class TimeConv(nn.Module):
+    """Depthwise 3 bands x 3 frames, dilated in time, on (B, bands, T, C).
+
+    Differentiating a dilated depthwise convolution is slow on CPUs, so
+    training folds the dilation into the batch (frame t = q*d + r goes to
+    sequence r, position q) and runs an undilated one; the exported graph
+    keeps the plain dilated convolution. Both compute the same."""
+
+    def __init__(self, channels, dilation):
+        super().__init__()
+        self.dilation = dilation
+        self.conv = nn.Conv2d(channels, channels, (3, 3), padding=(1, dilation), dilation=(1, dilation),
+                              groups=channels)
+
+    def forward(self, x):
+        d = self.dilation
+        batch, bands, frames, channels = x.shape
+        if torch.onnx.is_in_onnx_export() or d == 1 or frames % d:
+            return self.conv(x.permute(0, 3, 1, 2)).permute(0, 2, 3, 1)
+        folded = x.reshape(batch, bands, frames // d, d, channels).permute(0, 3, 1, 2, 4)
+        folded = folded.reshape(batch * d, bands, frames // d, channels).permute(0, 3, 1, 2)
+        y = nn.functional.conv2d(folded, self.conv.weight, self.conv.bias, padding=1, groups=channels)
+        y = y.permute(0, 2, 3, 1).reshape(batch, d, bands, frames // d, channels)
+        return y.permute(0, 2, 3, 1, 4).reshape(batch, bands, frames, channels)
+
+
+def pointwise(layer, x):
+    """A linear layer over the channels of (B, bands, T, C), run as a 1x1
+    convolution: on channels-last data that is faster than a matrix product."""
+    out = nn.functional.conv2d(x.permute(0, 3, 1, 2), layer.weight[:, :, None, None], layer.bias)
+    return out.permute(0, 2, 3, 1)
 
 
 class Block(nn.Module):
     """Depthwise (3 bands x 3 frames, dilated in time), then a pointwise MLP;
     optionally a linear mix across all bands. Residual, pre-normalised per
-    position so nothing depends on the segment's length."""
+    position so nothing depends on the segment's length. Works on
+    channels-last (B, bands, T, C)."""
 
     def __init__(self, config, dilation, mix_bands):
         super().__init__()
         c = config.channels
         self.norm = nn.LayerNorm(c)
-        self.depthwise = nn.Conv2d(c, c, (3, 3), padding=(1, dilation), dilation=(1, dilation), groups=c)
-        self.mlp = nn.Sequential(nn.Conv2d(c, c * config.expansion, 1), nn.GELU(),
-                                 nn.Conv2d(c * config.expansion, c, 1))
+        self.time = TimeConv(c, dilation)
+        self.expand = nn.Linear(c, c * config.expansion)
+        self.contract = nn.Linear(c * config.expansion, c)
         self.band_mix = nn.Linear(band_count(config), band_count(config)) if mix_bands else None
         if self.band_mix is not None:
             nn.init.zeros_(self.band_mix.weight)
             nn.init.zeros_(self.band_mix.bias)
 
-    def forward(self, x):  # (B, C, bands, T)
-        y = self.norm(x.permute(0, 2, 3, 1)).permute(0, 3, 1, 2)
-        x = x + self.mlp(self.depthwise(y))
+    def forward(self, x):
+        y = self.time(self.norm(x))
+        x = x + pointwise(self.contract, nn.functional.gelu(pointwise(self.expand, y)))
         if self.band_mix is not None:
-            x = x + self.band_mix(x.transpose(2, 3)).transpose(2, 3)
+            # One matrix product over the band axis for the whole batch.
+            batch, bands, frames, channels = x.shape
+            mixed = self.band_mix.weight @ x.transpose(0, 1).reshape(bands, -1) + self.band_mix.bias[:, None]
+            x = x + mixed.reshape(bands, batch, frames, channels).transpose(0, 1)
         return x
 
 
@@ -130,13 +170,11 @@ class Separator(nn.Module):
         louder gets the same masks."""
         scale = magnitude.pow(2).mean(dim=(1, 2, 3), keepdim=True).sqrt() + 1e-5
         features = torch.log(magnitude / scale + 1e-3).permute(0, 2, 3, 1)  # (B, T, BINS, 2)
-        x = self.encoder(features).permute(0, 3, 1, 2)  # (B, C, bands, T)
+        x = self.encoder(features)  # (B, bands, T, C)
         for block in self.blocks:
             x = block(x)
-        x = self.out_norm(x.permute(0, 2, 3, 1))  # (B, bands, T, C)
-        logits = self.decoder(x)  # (B, T, BINS, 14)
-        logits = logits.reshape(*logits.shape[:3], SOURCES, 2).permute(0, 3, 4, 1, 2)
-        return torch.softmax(logits, dim=1)
+        logits = self.decoder(self.out_norm(x))  # (B, 14, T, BINS)
+        return torch.softmax(logits.reshape(logits.shape[0], SOURCES, 2, *logits.shape[2:]), dim=1)
 
     def forward(self, mixture):
         """complex (B, 2, T, BINS) -> complex estimates (B, 7, 2, T, BINS)."""

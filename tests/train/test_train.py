@@ -56,6 +56,20 @@ def test_unlabelled_stems_count_only_as_their_sum_with_other(unlabelled, moved_t
     assert (loss < 1e-5) == zero, loss
 
 
+@pytest.mark.parametrize("labels", [[[1] * 6, [1] * 6], [[1] * 6, [1, 0, 1, 1, 0, 1]]],
+                         ids=["labelled", "partly-labelled"])
+def test_the_loss_gradient_matches_finite_differences(labels):
+    """The loss computes its own gradient in the masks; through the softmax it must match the numeric one."""
+    g = torch.Generator().manual_seed(2)
+    shape = (2, 7, 2, FRAMES, BINS)
+    logits = torch.randn(shape, generator=g, dtype=torch.double, requires_grad=True)
+    targets = torch.complex(torch.randn(shape, generator=g, dtype=torch.double),
+                            torch.randn(shape, generator=g, dtype=torch.double))
+    mixture = targets.sum(1) * 1.3  # not the targets' sum: no error is exactly zero
+    known = torch.tensor(labels, dtype=torch.bool)
+    assert torch.autograd.gradcheck(lambda x: loss_fn(torch.softmax(x, 1), mixture, targets, known), (logits,))
+
+
 class Cache:
     """Song 0 labels every stem; song 1 only vocals, drum and bass (its "other"
     holds the rest, as in a four-stem dataset). Remembers who lent what."""

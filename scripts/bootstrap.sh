@@ -3,6 +3,8 @@
 # packages that carry ONNX Runtime and PFFFT. Safe to run again; it returns
 # quickly when everything is already in place.
 #   --windows   also the mingw-w64 cross compiler and Wine (about 1.3 GB)
+#   --workshop  also the model workshop's training material: recorded drum kits
+#               (about 230 MB)
 set -euo pipefail
 
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
@@ -25,9 +27,13 @@ DEBIAN_PACKAGES=(
   # batch separation across processes and machines
   python3-distributed python3-dask
 )
-if [ "${1:-}" = "--windows" ]; then
-  DEBIAN_PACKAGES+=(g++-mingw-w64-x86-64-posix mingw-w64-tools wine wine64 googletest util-linux)
-fi
+for option in "$@"; do
+  case $option in
+    --windows) DEBIAN_PACKAGES+=(g++-mingw-w64-x86-64-posix mingw-w64-tools wine wine64 googletest util-linux) ;;
+    --workshop) DEBIAN_PACKAGES+=(hydrogen-drumkits avldrums.lv2-soundfont) ;;
+    *) echo "bootstrap: unknown option $option (--windows, --workshop)" >&2; exit 2 ;;
+  esac
+done
 
 fail() { echo "bootstrap: $*" >&2; exit 1; }
 

@@ -1,12 +1,18 @@
 """Renders composed songs into multitrack folders, one part at a time, with
 Debian's General MIDI sounds, and places each part at a random stereo
-position, width and level, so no mixing convention can be learned.
+position, width and level, so no mixing convention can be learned. A song's
+drums come from the bank's own kit or from a recorded kit (drum_kits.py).
+Most songs are then mixed and mastered (production.py): each part through a
+channel strip of its own, the whole through a mix bus.
 
 Output: OUT/<font>-<index>/<stem>.flac for all six stems (silent where the
-song has no such part) and other.flac for the parts that belong to no stem:
-the plain folder layout.
+song has no such part) and other.flac for the parts that belong to no stem,
+the plain folder layout, plus song.json: the bank, drum kit, production and
+tempo the song was made with.
 """
 import argparse
+import dataclasses
+import json
 import multiprocessing
 import os
 import shutil
@@ -16,8 +22,10 @@ import tempfile
 import numpy as np
 import soundfile
 
-from tonwerk_train.composer import compose
+from tonwerk_train import drum_kits
+from tonwerk_train.composer import DRUM_CHANNEL, compose
 from tonwerk_train.midi_file import write_midi
+from tonwerk_train.production import channel_strip, master
 from tonwerk_train.stems import SAMPLE_RATE, STEMS
 
 # The only sounds used for training and held-out tests. FreePats ships as
@@ -29,8 +37,34 @@ FONTS = {
 }
 
 
+# What fluidsynth can play: the banks and the SoundFont drum kits.
+SOUNDS = {**FONTS, **{kit: ("fluidsynth", path) for kit, path in drum_kits.SOUNDFONT_KITS.items()}}
+BANK_KIT = "bank"  # a song's drums from its General MIDI bank
+BANK_KIT_SHARE = 0.25  # of the songs whose drums may come from the bank or a recorded kit
+DRUM_KITS = (BANK_KIT, *drum_kits.PACKAGES)
+
+
+def drum_kit_list(spec):
+    """"all", kit names and "-name" exclusions, comma-separated -> kit names in catalogue order."""
+    chosen = set()
+    for item in filter(None, (part.strip() for part in spec.split(","))):
+        names = DRUM_KITS if item.lstrip("-") == "all" else (item.lstrip("-"),)
+        unknown = [name for name in names if name not in DRUM_KITS]
+        if unknown:
+            raise ValueError("unknown drum kit %r; the kits: %s" % (unknown[0], ", ".join(DRUM_KITS)))
+        chosen = chosen - set(names) if item.startswith("-") else chosen | set(names)
+    return [kit for kit in DRUM_KITS if kit in chosen]
+
+
+def missing_material(kits):
+    """The Debian packages that the kits need and that are not installed."""
+    present = lambda kit: os.path.isfile(drum_kits.SOUNDFONT_KITS[kit]) if kit in drum_kits.SOUNDFONT_KITS \
+        else os.path.isdir(os.path.join(drum_kits.HYDROGEN_DIR, kit))
+    return sorted({drum_kits.PACKAGES[kit] for kit in kits if kit != BANK_KIT and not present(kit)})
+
+
 def render_command(font, midi, wav, rng):
-    renderer, path = FONTS[font]
+    renderer, path = SOUNDS[font]
     if renderer == "fluidsynth":
         effects = ["-R", str(int(rng.random() < 0.6)), "-C", str(int(rng.random() < 0.3))]
         return ["fluidsynth", "-ni", "-q", "-g", "0.5", "-r", str(SAMPLE_RATE), "-O", "float", "-T", "wav",
@@ -38,8 +72,14 @@ def render_command(font, midi, wav, rng):
     return ["timidity", "-c", path, "-Ow", "-s", str(SAMPLE_RATE), "-A", "60", "-o", wav, midi]
 
 
-def render_part(part, tempo, font, folder, rng):
-    """The part alone as float32 (2, n)."""
+def render_part(part, tempo, font, folder, rng, kit=BANK_KIT):
+    """The part alone as float32 (2, n); a drum part on `kit`."""
+    if part.channel == DRUM_CHANNEL and kit in drum_kits.SOUNDFONT_KITS:
+        part, font = dataclasses.replace(part, channel=0, program=0), kit  # these kits sit on bank 0
+    elif part.channel == DRUM_CHANNEL and kit != BANK_KIT:
+        end = max((start + length for start, length, _, _ in part.notes), default=0) * 60 / tempo + 3
+        kit_map = drum_kits.read_hydrogen_kit(os.path.join(drum_kits.HYDROGEN_DIR, kit))
+        return drum_kits.play_hydrogen_kit(kit_map, part.notes, tempo, int(end * SAMPLE_RATE))
     midi, wav = os.path.join(folder, "part.mid"), os.path.join(folder, "part.wav")
     write_midi(midi, part, tempo)
     result = subprocess.run(render_command(font, midi, wav, rng), stdout=subprocess.DEVNULL,
@@ -70,29 +110,44 @@ def fit(audio, samples):
     return out
 
 
-def make_song(out_dir, font, index, seed, seconds):
-    """Composes, renders and writes one song folder, whole or not at all."""
+def make_song(out_dir, font, index, seed, seconds, production, kits):
+    """Composes, renders and writes one song folder, whole or not at all;
+    mixed and mastered with probability `production`, drums on one of `kits`
+    (the bank's own kit for a quarter of the songs when it is among others)."""
     final = os.path.join(out_dir, "%s-%05d" % (font, index))
     if os.path.isdir(final):
         return final
     rng = np.random.default_rng([seed, index])
     tempo, parts = compose(rng, seconds)
     samples = int(seconds * SAMPLE_RATE)
+    produced = rng.random() < production
+    recorded = [kit for kit in kits if kit != BANK_KIT]
+    bank = not recorded or (BANK_KIT in kits and rng.random() < BANK_KIT_SHARE)
+    kit = BANK_KIT if bank else recorded[int(rng.integers(len(recorded)))]
     with tempfile.TemporaryDirectory(dir=out_dir, prefix=".") as work:
-        tracks = {name: fit(place(render_part(part, tempo, font, work, rng), rng), samples)
-                  for name, part in parts.items()}
+        tracks = {}
+        for name, part in parts.items():
+            audio = fit(place(render_part(part, tempo, font, work, rng, kit), rng), samples)
+            tracks[name] = channel_strip(audio, rng) if produced else audio
         # Silent stems are written too (a few bytes of FLAC): the folder
         # layout reads a missing stem as unlabelled, a silent one as absent.
         stems = {name: tracks.get(name, np.zeros((2, samples), np.float32)) for name in STEMS}
         others = [audio for name, audio in tracks.items() if name not in STEMS]
         if others:
             stems["other"] = sum(others)
+        if produced:
+            stems = dict(zip(stems, master(list(stems.values()), rng)))
         peak = max(1e-9, float(np.abs(sum(stems.values())).max()))
-        scale = rng.uniform(0.3, 0.95) / peak
+        # A master keeps its loudness (only a stray peak over full scale is
+        # turned down); a plain mix gets a random level.
+        scale = min(1.0, 0.99 / peak) if produced else rng.uniform(0.3, 0.95) / peak
         song = os.path.join(work, "song")
         os.makedirs(song)
         for name, audio in stems.items():
             soundfile.write(os.path.join(song, name + ".flac"), (audio * scale).T, SAMPLE_RATE, subtype="PCM_24")
+        with open(os.path.join(song, "song.json"), "w") as file:  # what it was made of, for evaluations
+            json.dump({"font": font, "drum_kit": kit, "produced": produced, "tempo": tempo, "seed": seed,
+                       "index": index, "parts": sorted(parts)}, file)
         os.rename(song, final)
     return final
 
@@ -108,6 +163,12 @@ def add_arguments(parser):
     parser.add_argument("--font", choices=sorted(FONTS), default="FluidR3_GM")
     parser.add_argument("--seed", type=int, default=1)
     parser.add_argument("--first", type=int, default=0, help="index of the first song (to extend a set)")
+    parser.add_argument("--production", type=float, default=0.8, metavar="P",
+                        help="share of songs mixed and mastered (EQ, compression, reverb and delay per part; "
+                             "bus EQ, compression, loudness and a limiter on the whole)")
+    parser.add_argument("--drums", default="all", metavar="KITS",
+                        help="drum kits to draw from per song, comma-separated: %s; \"all\", and \"-KIT\" to "
+                             "leave one out (default all)" % ", ".join(DRUM_KITS))
     parser.add_argument("--jobs", type=int, default=os.cpu_count())
 
 
@@ -115,8 +176,16 @@ def run(args):
     for tool in {FONTS[args.font][0]}:
         if shutil.which(tool) is None:
             raise SystemExit("generate: %s is not installed (scripts/bootstrap.sh installs it)" % tool)
+    kits = drum_kit_list(args.drums)
+    if not kits:
+        raise ValueError("--drums %s leaves no drum kit" % args.drums)
+    missing = missing_material(kits)
+    if missing:
+        raise SystemExit("generate: the drum kits need the Debian packages %s (bash scripts/bootstrap.sh "
+                         "--workshop installs all the workshop's material)" % ", ".join(missing))
     os.makedirs(args.out_dir, exist_ok=True)
-    jobs = [(args.out_dir, args.font, i, args.seed, args.seconds) for i in range(args.first, args.first + args.songs)]
+    jobs = [(args.out_dir, args.font, i, args.seed, args.seconds, args.production, kits)
+            for i in range(args.first, args.first + args.songs)]
     with multiprocessing.Pool(max(1, args.jobs)) as pool:
         for done, path in enumerate(pool.imap_unordered(_make_song, jobs), 1):
             print("\rgenerate: %d/%d %s" % (done, len(jobs), os.path.basename(path)), end="", flush=True)

@@ -4,7 +4,7 @@
 # quickly when everything is already in place.
 #   --windows   also the mingw-w64 cross compiler and Wine (about 1.3 GB)
 #   --workshop  also the model workshop's training material: recorded drum kits
-#               (about 230 MB)
+#               and guitar amps (about 250 MB)
 set -euo pipefail
 
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
@@ -30,7 +30,7 @@ DEBIAN_PACKAGES=(
 for option in "$@"; do
   case $option in
     --windows) DEBIAN_PACKAGES+=(g++-mingw-w64-x86-64-posix mingw-w64-tools wine wine64 googletest util-linux) ;;
-    --workshop) DEBIAN_PACKAGES+=(hydrogen-drumkits avldrums.lv2-soundfont) ;;
+    --workshop) DEBIAN_PACKAGES+=(hydrogen-drumkits avldrums.lv2-soundfont guitarix-lv2) ;;
     *) echo "bootstrap: unknown option $option (--windows, --workshop)" >&2; exit 2 ;;
   esac
 done

@@ -1,7 +1,8 @@
 """Renders composed songs into multitrack folders, one part at a time, with
 Debian's General MIDI sounds, and places each part at a random stereo
 position, width and level, so no mixing convention can be learned. A song's
-drums come from the bank's own kit or from a recorded kit (drum_kits.py).
+drums come from the bank's own kit or from a recorded kit (drum_kits.py),
+its electric guitar mostly through an amp and cabinet (guitar_amp.py).
 Most songs are then mixed and mastered (production.py): each part through a
 channel strip of its own, the whole through a mix bus.
 
@@ -22,7 +23,7 @@ import tempfile
 import numpy as np
 import soundfile
 
-from tonwerk_train import drum_kits
+from tonwerk_train import drum_kits, guitar_amp
 from tonwerk_train.composer import DRUM_CHANNEL, compose
 from tonwerk_train.midi_file import write_midi
 from tonwerk_train.production import channel_strip, master
@@ -42,25 +43,29 @@ SOUNDS = {**FONTS, **{kit: ("fluidsynth", path) for kit, path in drum_kits.SOUND
 BANK_KIT = "bank"  # a song's drums from its General MIDI bank
 BANK_KIT_SHARE = 0.25  # of the songs whose drums may come from the bank or a recorded kit
 DRUM_KITS = (BANK_KIT, *drum_kits.PACKAGES)
+AMP_STYLES = tuple(str(style) for style in guitar_amp.TONE_STACKS)
+AMP_SHARE = 0.85  # of the electric guitars, when amps are allowed; the rest keep the bank's sound
 
 
-def drum_kit_list(spec):
-    """"all", kit names and "-name" exclusions, comma-separated -> kit names in catalogue order."""
+def pick(spec, catalogue, what):
+    """"all", "none", names and "-name" exclusions, comma-separated -> names in catalogue order."""
     chosen = set()
     for item in filter(None, (part.strip() for part in spec.split(","))):
-        names = DRUM_KITS if item.lstrip("-") == "all" else (item.lstrip("-"),)
-        unknown = [name for name in names if name not in DRUM_KITS]
+        name = item.lstrip("-")
+        names = catalogue if name == "all" else () if name == "none" else (name,)
+        unknown = [name for name in names if name not in catalogue]
         if unknown:
-            raise ValueError("unknown drum kit %r; the kits: %s" % (unknown[0], ", ".join(DRUM_KITS)))
+            raise ValueError("unknown %s %r; one of %s" % (what, unknown[0], ", ".join(catalogue)))
         chosen = chosen - set(names) if item.startswith("-") else chosen | set(names)
-    return [kit for kit in DRUM_KITS if kit in chosen]
+    return [name for name in catalogue if name in chosen]
 
 
-def missing_material(kits):
-    """The Debian packages that the kits need and that are not installed."""
+def missing_material(kits, amps):
+    """The Debian packages that the drum kits and amps need and that are not installed."""
     present = lambda kit: os.path.isfile(drum_kits.SOUNDFONT_KITS[kit]) if kit in drum_kits.SOUNDFONT_KITS \
         else os.path.isdir(os.path.join(drum_kits.HYDROGEN_DIR, kit))
-    return sorted({drum_kits.PACKAGES[kit] for kit in kits if kit != BANK_KIT and not present(kit)})
+    missing = {drum_kits.PACKAGES[kit] for kit in kits if kit != BANK_KIT and not present(kit)}
+    return sorted(missing | ({guitar_amp.PACKAGE} if amps and not guitar_amp.installed() else set()))
 
 
 def render_command(font, midi, wav, rng):
@@ -72,8 +77,11 @@ def render_command(font, midi, wav, rng):
     return ["timidity", "-c", path, "-Ow", "-s", str(SAMPLE_RATE), "-A", "60", "-o", wav, midi]
 
 
-def render_part(part, tempo, font, folder, rng, kit=BANK_KIT):
-    """The part alone as float32 (2, n); a drum part on `kit`."""
+def render_part(part, tempo, font, folder, rng, kit=BANK_KIT, amp=None):
+    """The part alone as float32 (2, n); a drum part on `kit`, a guitar through `amp` settings."""
+    if amp is not None:
+        clean = render_part(dataclasses.replace(part, program=guitar_amp.CLEAN_PROGRAM), tempo, font, folder, rng)
+        return guitar_amp.play_through_amp(clean, amp)
     if part.channel == DRUM_CHANNEL and kit in drum_kits.SOUNDFONT_KITS:
         part, font = dataclasses.replace(part, channel=0, program=0), kit  # these kits sit on bank 0
     elif part.channel == DRUM_CHANNEL and kit != BANK_KIT:
@@ -110,10 +118,11 @@ def fit(audio, samples):
     return out
 
 
-def make_song(out_dir, font, index, seed, seconds, production, kits):
+def make_song(out_dir, font, index, seed, seconds, production, kits, amps):
     """Composes, renders and writes one song folder, whole or not at all;
     mixed and mastered with probability `production`, drums on one of `kits`
-    (the bank's own kit for a quarter of the songs when it is among others)."""
+    (the bank's own kit for a quarter of the songs when it is among others),
+    the electric guitar through an amp of one of the `amps` styles."""
     final = os.path.join(out_dir, "%s-%05d" % (font, index))
     if os.path.isdir(final):
         return final
@@ -124,10 +133,14 @@ def make_song(out_dir, font, index, seed, seconds, production, kits):
     recorded = [kit for kit in kits if kit != BANK_KIT]
     bank = not recorded or (BANK_KIT in kits and rng.random() < BANK_KIT_SHARE)
     kit = BANK_KIT if bank else recorded[int(rng.integers(len(recorded)))]
+    amp = None
+    if amps and "electric_guitar" in parts and rng.random() < AMP_SHARE:
+        amp = guitar_amp.draw_settings(rng, [int(style) for style in amps])
     with tempfile.TemporaryDirectory(dir=out_dir, prefix=".") as work:
         tracks = {}
         for name, part in parts.items():
-            audio = fit(place(render_part(part, tempo, font, work, rng, kit), rng), samples)
+            audio = render_part(part, tempo, font, work, rng, kit, amp if name == "electric_guitar" else None)
+            audio = fit(place(audio, rng), samples)
             tracks[name] = channel_strip(audio, rng) if produced else audio
         # Silent stems are written too (a few bytes of FLAC): the folder
         # layout reads a missing stem as unlabelled, a silent one as absent.
@@ -146,8 +159,8 @@ def make_song(out_dir, font, index, seed, seconds, production, kits):
         for name, audio in stems.items():
             soundfile.write(os.path.join(song, name + ".flac"), (audio * scale).T, SAMPLE_RATE, subtype="PCM_24")
         with open(os.path.join(song, "song.json"), "w") as file:  # what it was made of, for evaluations
-            json.dump({"font": font, "drum_kit": kit, "produced": produced, "tempo": tempo, "seed": seed,
-                       "index": index, "parts": sorted(parts)}, file)
+            json.dump({"font": font, "drum_kit": kit, "amp": amp, "produced": produced, "tempo": tempo,
+                       "seed": seed, "index": index, "parts": sorted(parts)}, file)
         os.rename(song, final)
     return final
 
@@ -169,6 +182,9 @@ def add_arguments(parser):
     parser.add_argument("--drums", default="all", metavar="KITS",
                         help="drum kits to draw from per song, comma-separated: %s; \"all\", and \"-KIT\" to "
                              "leave one out (default all)" % ", ".join(DRUM_KITS))
+    parser.add_argument("--amps", default="all", metavar="STYLES",
+                        help="amp styles (the amp plugin's tone stacks, 0 to 25) for electric guitars, like "
+                             "--drums; \"none\" keeps the bank's guitars (default all)")
     parser.add_argument("--jobs", type=int, default=os.cpu_count())
 
 
@@ -176,15 +192,15 @@ def run(args):
     for tool in {FONTS[args.font][0]}:
         if shutil.which(tool) is None:
             raise SystemExit("generate: %s is not installed (scripts/bootstrap.sh installs it)" % tool)
-    kits = drum_kit_list(args.drums)
+    kits, amps = pick(args.drums, DRUM_KITS, "drum kit"), pick(args.amps, AMP_STYLES, "amp style")
     if not kits:
         raise ValueError("--drums %s leaves no drum kit" % args.drums)
-    missing = missing_material(kits)
+    missing = missing_material(kits, amps)
     if missing:
-        raise SystemExit("generate: the drum kits need the Debian packages %s (bash scripts/bootstrap.sh "
+        raise SystemExit("generate: the material needs the Debian packages %s (bash scripts/bootstrap.sh "
                          "--workshop installs all the workshop's material)" % ", ".join(missing))
     os.makedirs(args.out_dir, exist_ok=True)
-    jobs = [(args.out_dir, args.font, i, args.seed, args.seconds, args.production, kits)
+    jobs = [(args.out_dir, args.font, i, args.seed, args.seconds, args.production, kits, amps)
             for i in range(args.first, args.first + args.songs)]
     with multiprocessing.Pool(max(1, args.jobs)) as pool:
         for done, path in enumerate(pool.imap_unordered(_make_song, jobs), 1):

@@ -4,7 +4,7 @@
 # quickly when everything is already in place.
 #   --windows   also the mingw-w64 cross compiler and Wine (about 1.3 GB)
 #   --workshop  also the model workshop's training material: recorded drum kits
-#               and guitar amps (about 250 MB)
+#               guitar amps and singing voices (about 270 MB)
 set -euo pipefail
 
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
@@ -30,7 +30,7 @@ DEBIAN_PACKAGES=(
 for option in "$@"; do
   case $option in
     --windows) DEBIAN_PACKAGES+=(g++-mingw-w64-x86-64-posix mingw-w64-tools wine wine64 googletest util-linux) ;;
-    --workshop) DEBIAN_PACKAGES+=(hydrogen-drumkits avldrums.lv2-soundfont guitarix-lv2) ;;
+    --workshop) DEBIAN_PACKAGES+=(hydrogen-drumkits avldrums.lv2-soundfont guitarix-lv2 espeak-ng rubberband-cli) ;;
     *) echo "bootstrap: unknown option $option (--windows, --workshop)" >&2; exit 2 ;;
   esac
 done

@@ -2,7 +2,8 @@
 Debian's General MIDI sounds, and places each part at a random stereo
 position, width and level, so no mixing convention can be learned. A song's
 drums come from the bank's own kit or from a recorded kit (drum_kits.py),
-its electric guitar mostly through an amp and cabinet (guitar_amp.py).
+its electric guitar mostly through an amp and cabinet (guitar_amp.py), its
+vocals mostly sung by a synthetic voice (voices.py) rather than choir pads.
 Most songs are then mixed and mastered (production.py): each part through a
 channel strip of its own, the whole through a mix bus.
 
@@ -23,7 +24,7 @@ import tempfile
 import numpy as np
 import soundfile
 
-from tonwerk_train import drum_kits, guitar_amp
+from tonwerk_train import drum_kits, guitar_amp, voices
 from tonwerk_train.composer import DRUM_CHANNEL, compose
 from tonwerk_train.midi_file import write_midi
 from tonwerk_train.production import channel_strip, master
@@ -60,12 +61,13 @@ def pick(spec, catalogue, what):
     return [name for name in catalogue if name in chosen]
 
 
-def missing_material(kits, amps):
-    """The Debian packages that the drum kits and amps need and that are not installed."""
+def missing_material(kits, amps, sung):
+    """The Debian packages that the drum kits, amps and voices need and that are not installed."""
     present = lambda kit: os.path.isfile(drum_kits.SOUNDFONT_KITS[kit]) if kit in drum_kits.SOUNDFONT_KITS \
         else os.path.isdir(os.path.join(drum_kits.HYDROGEN_DIR, kit))
     missing = {drum_kits.PACKAGES[kit] for kit in kits if kit != BANK_KIT and not present(kit)}
-    return sorted(missing | ({guitar_amp.PACKAGE} if amps and not guitar_amp.installed() else set()))
+    missing |= {guitar_amp.PACKAGE} if amps and not guitar_amp.installed() else set()
+    return sorted(missing | set(voices.missing_tools() if sung else ()))
 
 
 def render_command(font, midi, wav, rng):
@@ -77,8 +79,11 @@ def render_command(font, midi, wav, rng):
     return ["timidity", "-c", path, "-Ow", "-s", str(SAMPLE_RATE), "-A", "60", "-o", wav, midi]
 
 
-def render_part(part, tempo, font, folder, rng, kit=BANK_KIT, amp=None):
-    """The part alone as float32 (2, n); a drum part on `kit`, a guitar through `amp` settings."""
+def render_part(part, tempo, font, folder, rng, kit=BANK_KIT, amp=None, sung=False):
+    """The part alone as float32 (2, n); a drum part on `kit`, a guitar through `amp` settings, a melody
+    `sung` by a voice."""
+    if sung:
+        return voices.sing(part.notes, tempo, rng, folder)
     if amp is not None:
         clean = render_part(dataclasses.replace(part, program=guitar_amp.CLEAN_PROGRAM), tempo, font, folder, rng)
         return guitar_amp.play_through_amp(clean, amp)
@@ -118,11 +123,12 @@ def fit(audio, samples):
     return out
 
 
-def make_song(out_dir, font, index, seed, seconds, production, kits, amps):
+def make_song(out_dir, font, index, seed, seconds, production, kits, amps, sung_share):
     """Composes, renders and writes one song folder, whole or not at all;
     mixed and mastered with probability `production`, drums on one of `kits`
     (the bank's own kit for a quarter of the songs when it is among others),
-    the electric guitar through an amp of one of the `amps` styles."""
+    the electric guitar through an amp of one of the `amps` styles, the
+    vocals sung by a voice with probability `sung_share`."""
     final = os.path.join(out_dir, "%s-%05d" % (font, index))
     if os.path.isdir(final):
         return final
@@ -136,10 +142,12 @@ def make_song(out_dir, font, index, seed, seconds, production, kits, amps):
     amp = None
     if amps and "electric_guitar" in parts and rng.random() < AMP_SHARE:
         amp = guitar_amp.draw_settings(rng, [int(style) for style in amps])
+    sung = "vocals" in parts and rng.random() < sung_share
     with tempfile.TemporaryDirectory(dir=out_dir, prefix=".") as work:
         tracks = {}
         for name, part in parts.items():
-            audio = render_part(part, tempo, font, work, rng, kit, amp if name == "electric_guitar" else None)
+            audio = render_part(part, tempo, font, work, rng, kit, amp if name == "electric_guitar" else None,
+                                sung and name == "vocals")
             audio = fit(place(audio, rng), samples)
             tracks[name] = channel_strip(audio, rng) if produced else audio
         # Silent stems are written too (a few bytes of FLAC): the folder
@@ -159,7 +167,7 @@ def make_song(out_dir, font, index, seed, seconds, production, kits, amps):
         for name, audio in stems.items():
             soundfile.write(os.path.join(song, name + ".flac"), (audio * scale).T, SAMPLE_RATE, subtype="PCM_24")
         with open(os.path.join(song, "song.json"), "w") as file:  # what it was made of, for evaluations
-            json.dump({"font": font, "drum_kit": kit, "amp": amp, "produced": produced, "tempo": tempo,
+            json.dump({"font": font, "drum_kit": kit, "amp": amp, "sung": sung, "produced": produced, "tempo": tempo,
                        "seed": seed, "index": index, "parts": sorted(parts)}, file)
         os.rename(song, final)
     return final
@@ -185,6 +193,9 @@ def add_arguments(parser):
     parser.add_argument("--amps", default="all", metavar="STYLES",
                         help="amp styles (the amp plugin's tone stacks, 0 to 25) for electric guitars, like "
                              "--drums; \"none\" keeps the bank's guitars (default all)")
+    parser.add_argument("--voices", type=float, default=0.8, metavar="P",
+                        help="share of the songs with vocals whose melody a synthetic voice sings (the rest: "
+                             "General MIDI choir and voice pads)")
     parser.add_argument("--jobs", type=int, default=os.cpu_count())
 
 
@@ -195,12 +206,12 @@ def run(args):
     kits, amps = pick(args.drums, DRUM_KITS, "drum kit"), pick(args.amps, AMP_STYLES, "amp style")
     if not kits:
         raise ValueError("--drums %s leaves no drum kit" % args.drums)
-    missing = missing_material(kits, amps)
+    missing = missing_material(kits, amps, args.voices > 0)
     if missing:
         raise SystemExit("generate: the material needs the Debian packages %s (bash scripts/bootstrap.sh "
                          "--workshop installs all the workshop's material)" % ", ".join(missing))
     os.makedirs(args.out_dir, exist_ok=True)
-    jobs = [(args.out_dir, args.font, i, args.seed, args.seconds, args.production, kits, amps)
+    jobs = [(args.out_dir, args.font, i, args.seed, args.seconds, args.production, kits, amps, args.voices)
             for i in range(args.first, args.first + args.songs)]
     with multiprocessing.Pool(max(1, args.jobs)) as pool:
         for done, path in enumerate(pool.imap_unordered(_make_song, jobs), 1):

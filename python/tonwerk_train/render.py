@@ -9,8 +9,8 @@ channel strip of its own, the whole through a mix bus.
 
 Output: OUT/<font>-<index>/<stem>.flac for all six stems (silent where the
 song has no such part) and other.flac for the parts that belong to no stem,
-the plain folder layout, plus song.json: the bank, drum kit, production and
-tempo the song was made with.
+the plain folder layout, plus song.json: the bank, drum kit, amp, voice,
+production and tempo the song was made with.
 """
 import argparse
 import dataclasses

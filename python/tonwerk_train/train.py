@@ -31,6 +31,7 @@ SETTINGS = {"preset": "cpu", "epochs": 10, "steps": 200, "batch": 8, "frames": 1
             "remix": 0.5, "ema": 0.999}
 WARMUP_STEPS = 100
 
+
 def planes(spectrum, dim):
     """complex (...) -> real with a new axis of size 2 (re, im) at `dim`, contiguous."""
     return torch.view_as_real(spectrum).movedim(-1, dim).contiguous()

@@ -16,6 +16,8 @@ LATENCY = 3072 + 1024 * 4 + 2 * 1024 * 4 + BLOCK
 
 @pytest.mark.parametrize("controls, factor", [({}, 1.0), ({"vocals": 0}, 0.0), ({"vocals": 2, "residual": 0}, 2.0)])
 def test_the_plugin_renders_with_the_host_features(monkeypatch, controls, factor):
+    if not os.path.isdir(BUNDLES):
+        pytest.skip("this build has no LV2 plugin (no LV2 headers when it was configured)")
     monkeypatch.setenv("LV2_PATH", BUNDLES)
     t = np.arange(44100) / 44100
     tones = np.stack([0.4 * np.sin(2 * np.pi * 220 * t), 0.3 * np.sin(2 * np.pi * 331 * t + 1)]).astype(np.float32)

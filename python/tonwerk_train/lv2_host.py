@@ -95,7 +95,7 @@ def _lilv():
         "lilv_node_as_float": ([pointer], ctypes.c_float),
         "lilv_plugin_instantiate": ([pointer, ctypes.c_double, ctypes.POINTER(ctypes.POINTER(Feature))],
                                     ctypes.POINTER(Instance)),
-        "lilv_instance_free": ([ctypes.POINTER(Instance)], None),
+        "lilv_instance_free": ([ctypes.POINTER(Instance)], None), "lilv_world_free": ([pointer], None),
     }
     for name, (arguments, result) in signatures.items():
         function = getattr(lib, name)
@@ -242,4 +242,5 @@ class Plugin:
     def close(self):
         if self.instance:
             self.lib.lilv_instance_free(self.instance)
+            self.lib.lilv_world_free(self.world)
             self.instance = None

@@ -7,7 +7,7 @@ vocals mostly sung by a synthetic voice (voices.py) rather than choir pads.
 Most songs are then mixed and mastered (production.py): each part through a
 channel strip of its own, the whole through a mix bus.
 
-Output: OUT/<font>-<index>/<stem>.flac for all six stems (silent where the
+Output: OUT/<banks>-<index>/<stem>.flac for all six stems (silent where the
 song has no such part) and other.flac for the parts that belong to no stem,
 the plain folder layout, plus song.json: the bank, drum kit, amp, voice,
 production and tempo the song was made with.
@@ -123,15 +123,24 @@ def fit(audio, samples):
     return out
 
 
-def make_song(out_dir, font, index, seed, seconds, production, kits, amps, sung_share):
-    """Composes, renders and writes one song folder, whole or not at all;
-    mixed and mastered with probability `production`, drums on one of `kits`
-    (the bank's own kit for a quarter of the songs when it is among others),
-    the electric guitar through an amp of one of the `amps` styles, the
-    vocals sung by a voice with probability `sung_share`."""
-    final = os.path.join(out_dir, "%s-%05d" % (font, index))
+@dataclasses.dataclass(frozen=True)
+class Recipe:
+    """What the songs of one generate run are made of."""
+    banks: tuple  # General MIDI banks; each tonal part draws one
+    seed: int
+    seconds: float
+    production: float  # share of songs mixed and mastered
+    kits: tuple  # drum kits (the bank's own kit for a quarter of the songs when it is among others)
+    amps: tuple  # amp styles for electric guitars; none: the banks' guitars
+    voices: float  # share of songs with vocals that a voice sings
+
+
+def make_song(out_dir, index, recipe):
+    """Composes, renders and writes one song folder, whole or not at all."""
+    final = os.path.join(out_dir, "%s-%05d" % ("+".join(recipe.banks), index))
     if os.path.isdir(final):
         return final
+    seed, seconds, production, kits, amps = recipe.seed, recipe.seconds, recipe.production, recipe.kits, recipe.amps
     rng = np.random.default_rng([seed, index])
     tempo, parts = compose(rng, seconds)
     samples = int(seconds * SAMPLE_RATE)
@@ -142,12 +151,15 @@ def make_song(out_dir, font, index, seed, seconds, production, kits, amps, sung_
     amp = None
     if amps and "electric_guitar" in parts and rng.random() < AMP_SHARE:
         amp = guitar_amp.draw_settings(rng, [int(style) for style in amps])
-    sung = "vocals" in parts and rng.random() < sung_share
+    sung = "vocals" in parts and rng.random() < recipe.voices
+    # One bank draws no number, so a single-bank run renders as it always has.
+    banks = {name: recipe.banks[int(rng.integers(len(recipe.banks))) if len(recipe.banks) > 1 else 0]
+             for name in parts}
     with tempfile.TemporaryDirectory(dir=out_dir, prefix=".") as work:
         tracks = {}
         for name, part in parts.items():
-            audio = render_part(part, tempo, font, work, rng, kit, amp if name == "electric_guitar" else None,
-                                sung and name == "vocals")
+            audio = render_part(part, tempo, banks[name], work, rng, kit,
+                                amp if name == "electric_guitar" else None, sung and name == "vocals")
             audio = fit(place(audio, rng), samples)
             tracks[name] = channel_strip(audio, rng) if produced else audio
         # Silent stems are written too (a few bytes of FLAC): the folder
@@ -167,8 +179,8 @@ def make_song(out_dir, font, index, seed, seconds, production, kits, amps, sung_
         for name, audio in stems.items():
             soundfile.write(os.path.join(song, name + ".flac"), (audio * scale).T, SAMPLE_RATE, subtype="PCM_24")
         with open(os.path.join(song, "song.json"), "w") as file:  # what it was made of, for evaluations
-            json.dump({"font": font, "drum_kit": kit, "amp": amp, "sung": sung, "produced": produced, "tempo": tempo,
-                       "seed": seed, "index": index, "parts": sorted(parts)}, file)
+            json.dump({"banks": banks, "drum_kit": kit, "amp": amp, "sung": sung, "produced": produced,
+                       "tempo": tempo, "seed": seed, "index": index}, file)
         os.rename(song, final)
     return final
 
@@ -181,7 +193,9 @@ def add_arguments(parser):
     parser.add_argument("out_dir", help="folder for the song folders (created)")
     parser.add_argument("--songs", type=int, default=100)
     parser.add_argument("--seconds", type=float, default=20.0)
-    parser.add_argument("--font", choices=sorted(FONTS), default="FluidR3_GM")
+    parser.add_argument("--font", default="FluidR3_GM", metavar="BANKS",
+                        help="General MIDI banks, comma-separated (%s); with several, each part of a song "
+                             "draws its own (default FluidR3_GM)" % ", ".join(FONTS))
     parser.add_argument("--seed", type=int, default=1)
     parser.add_argument("--first", type=int, default=0, help="index of the first song (to extend a set)")
     parser.add_argument("--production", type=float, default=0.8, metavar="P",
@@ -200,7 +214,10 @@ def add_arguments(parser):
 
 
 def run(args):
-    for tool in {FONTS[args.font][0]}:
+    banks = pick(args.font, tuple(FONTS), "bank")
+    if not banks:
+        raise ValueError("--font %s names no bank" % args.font)
+    for tool in {FONTS[bank][0] for bank in banks}:
         if shutil.which(tool) is None:
             raise SystemExit("generate: %s is not installed (scripts/bootstrap.sh installs it)" % tool)
     kits, amps = pick(args.drums, DRUM_KITS, "drum kit"), pick(args.amps, AMP_STYLES, "amp style")
@@ -211,8 +228,8 @@ def run(args):
         raise SystemExit("generate: the material needs the Debian packages %s (bash scripts/bootstrap.sh "
                          "--workshop installs all the workshop's material)" % ", ".join(missing))
     os.makedirs(args.out_dir, exist_ok=True)
-    jobs = [(args.out_dir, args.font, i, args.seed, args.seconds, args.production, kits, amps, args.voices)
-            for i in range(args.first, args.first + args.songs)]
+    recipe = Recipe(tuple(banks), args.seed, args.seconds, args.production, tuple(kits), tuple(amps), args.voices)
+    jobs = [(args.out_dir, i, recipe) for i in range(args.first, args.first + args.songs)]
     with multiprocessing.Pool(max(1, args.jobs)) as pool:
         for done, path in enumerate(pool.imap_unordered(_make_song, jobs), 1):
             print("\rgenerate: %d/%d %s" % (done, len(jobs), os.path.basename(path)), end="", flush=True)

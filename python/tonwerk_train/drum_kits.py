@@ -65,15 +65,14 @@ class Instrument:
                                                                                      abs(velocity - l[1])))
 
 
+# "{*}" matches a tag in the kit namespace of newer kits and in none, as older kits write it.
 def _text(node, tag, default=None):
     found = node.find("{*}" + tag)
-    if found is None:
-        found = node.find(tag)
     return found.text if found is not None and found.text is not None else default
 
 
 def _children(node, tag):
-    return node.findall("{*}" + tag) + node.findall(tag)
+    return node.findall("{*}" + tag)
 
 
 def read_hydrogen_kit(folder):

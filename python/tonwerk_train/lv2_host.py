@@ -203,8 +203,8 @@ class Plugin:
         unknown = set(controls) - set(self.ports)
         if unknown:
             raise ValueError("no control ports %s" % sorted(unknown))
-        keep, inputs, outputs, atom_outputs = [], [], [], []
-        sequence = self.urids(ATOM + "Sequence")
+        connected, inputs, outputs, atom_outputs = [], [], [], []  # the plugin points into these until the end
+        sequence, chunk = self.urids(ATOM + "Sequence"), self.urids(ATOM + "Chunk")
         for symbol, (index, kinds, default) in self.ports.items():
             if "control" in kinds:
                 buffer = np.array([controls.get(symbol, default)], np.float32)
@@ -217,7 +217,7 @@ class Plugin:
                 buffer = np.zeros(BLOCK, np.float32)
                 (inputs if "input" in kinds else outputs).append(buffer)
             self._connect(index, buffer)
-            keep.append(buffer)
+            connected.append(buffer)
         if len(inputs) != len(audio):
             raise ValueError("the plugin takes %d audio inputs, not %d" % (len(inputs), len(audio)))
         descriptor, handle = self.instance.contents.descriptor.contents, self.instance.contents.handle
@@ -229,7 +229,7 @@ class Plugin:
             for buffer, channel in zip(inputs, audio):
                 buffer[:frames] = channel[start:start + frames]
             for buffer in atom_outputs:  # the host says how much room there is before every run
-                buffer[:2] = (ATOM_CAPACITY - 8, self.urids(ATOM + "Chunk"))
+                buffer[:2] = (ATOM_CAPACITY - 8, chunk)
             descriptor.run(handle, frames)
             if self.worker:
                 self._finish_work()

@@ -48,10 +48,10 @@ AMP_STYLES = tuple(str(style) for style in guitar_amp.TONE_STACKS)
 AMP_SHARE = 0.85  # of the electric guitars, when amps are allowed; the rest keep the bank's sound
 
 
-def pick(spec, catalogue, what):
+def pick(listing, catalogue, what):
     """"all", "none", names and "-name" exclusions, comma-separated -> names in catalogue order."""
     chosen = set()
-    for item in filter(None, (part.strip() for part in spec.split(","))):
+    for item in filter(None, (part.strip() for part in listing.split(","))):
         name = item.lstrip("-")
         names = catalogue if name == "all" else () if name == "none" else (name,)
         unknown = [name for name in names if name not in catalogue]

@@ -25,7 +25,8 @@ def _files(song):
 
 
 def entry_name(song):
-    identity = [(label, path, os.stat(path).st_size, os.stat(path).st_mtime_ns) for label, path in _files(song)]
+    identity = [(label, path, info.st_size, info.st_mtime_ns)
+                for (label, path), info in ((entry, os.stat(entry[1])) for entry in _files(song))]
     identity.append(sorted(song.known))
     digest = hashlib.sha256(json.dumps(identity).encode()).hexdigest()[:20]
     return "%s-%s" % (re.sub(r"[^\w.-]", "_", song.name)[-80:], digest)

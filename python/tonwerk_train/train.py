@@ -268,6 +268,8 @@ def songs_to_use(args, cache_folder):
     valid = read_songs(args.valid)
     held = spread(songs, args.holdout) if args.holdout else []
     songs = [song for song in songs if song not in held]
+    if not songs:
+        raise ValueError("no songs left to train on (--holdout %d of them validates)" % args.holdout)
     valid = spread(valid, args.valid_songs) + held
     train = SongCache(songs, cache_folder)
     valid = SongCache(valid, cache_folder) if valid else None

@@ -9,6 +9,7 @@ and the breaths are full-band noise, so the network does not learn that
 vocals stop where this synthesiser does.
 """
 import os
+import shutil
 import subprocess
 
 import numpy as np
@@ -28,8 +29,7 @@ CODAS = ("", "", "", "n", "l", "s", "t", "m")
 
 
 def missing_tools():
-    return sorted(package for tool, package in PACKAGES.items()
-                  if not any(os.access(os.path.join(d, tool), os.X_OK) for d in os.environ["PATH"].split(":")))
+    return sorted(package for tool, package in PACKAGES.items() if shutil.which(tool) is None)
 
 
 def pitch(audio):

@@ -7,12 +7,12 @@ from tonwerk_train.render import pick
 CATALOGUE = ("bank", "kit c", "kit a", "kit b")  # not sorted: the catalogue's order is kept, for the seeds
 
 
-@pytest.mark.parametrize("spec, chosen", [
+@pytest.mark.parametrize("listing, chosen", [
     ("all", list(CATALOGUE)), ("all,-kit b", ["bank", "kit c", "kit a"]), ("kit a, bank", ["bank", "kit a"]),
     ("-kit a,all", list(CATALOGUE)), ("all,-all", []), ("none", []), ("none,kit a", ["kit a"]),
 ])
-def test_lists_choose_and_leave_out_in_order(spec, chosen):
-    assert pick(spec, CATALOGUE, "kit") == chosen
+def test_lists_choose_and_leave_out_in_order(listing, chosen):
+    assert pick(listing, CATALOGUE, "kit") == chosen
 
 
 def test_unknown_names_are_refused_with_the_catalogue():

@@ -3,6 +3,8 @@ sources a song does not label, examples remixed from songs that label
 different stems, sources out of step with each other, cache entries mixed
 up between datasets, validation songs that are also training songs, and
 validation that sees only part of a song."""
+import argparse
+
 import numpy as np
 import pytest
 import soundfile
@@ -13,7 +15,7 @@ from tonwerk_train.examples import OTHER, make_example
 from tonwerk_train.model import PRESETS, Separator
 from tonwerk_train.song_cache import SongCache, check_disjoint
 from tonwerk_train.stems import STEMS
-from tonwerk_train.train import loss_fn, validate
+from tonwerk_train.train import loss_fn, songs_to_use, validate
 
 FRAMES, BINS = 3, 5
 
@@ -121,7 +123,11 @@ def songs(tmp_path_factory):
     write_song(root / "b/s", noise[2])
     write_song(root / "c/t-copy", noise[1], "FLAC")
     write_song(root / "d/late", np.sin(np.arange(13 * 44100) / 10.0) * (np.arange(13 * 44100) > 12.5 * 44100))
-    return lambda *folders: SongCache([s for f in folders for s in read_dataset("folder", root / f)], root / "cache")
+
+    def cache(*folders):
+        return SongCache([s for f in folders for s in read_dataset("folder", root / f)], root / "cache")
+    cache.root = root
+    return cache
 
 
 def test_sources_of_one_song_come_from_one_moment(songs):
@@ -146,6 +152,17 @@ def test_validation_songs_must_not_be_training_songs(songs, valid, refused):
     else:
         with pytest.raises(ValueError, match=refused):
             check_disjoint(songs("a"), songs(valid))
+
+
+@pytest.mark.parametrize("holdout, trained, validated", [(0, ["s", "t"], []), (1, ["t"], ["s"]), (2, None, None)])
+def test_holdout_moves_training_songs_to_validation(songs, holdout, trained, validated):
+    args = argparse.Namespace(data=["folder:%s" % (songs.root / "a")], valid=[], holdout=holdout, valid_songs=0)
+    if trained is None:
+        with pytest.raises(ValueError, match="no songs left to train on"):
+            songs_to_use(args, songs.root / "cache")
+        return
+    train, valid = songs_to_use(args, songs.root / "cache")
+    assert (train.names, valid.names if valid else []) == (trained, validated)
 
 
 def test_validation_hears_whole_songs(songs):

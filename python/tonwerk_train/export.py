@@ -27,14 +27,11 @@ class ContractModel(nn.Module):
 
     def forward(self, unified_input, *flags):
         planes = unified_input.reshape(1, 2, 2, SEGMENT_FRAMES, BINS)  # (1, channel, re/im, T, F)
-        real, imag = planes[:, :, 0], planes[:, :, 1]
-        masks = self.network.masks(torch.sqrt(real * real + imag * imag))
+        masks = self.network.masks(planes.pow(2).sum(dim=2).sqrt())
         gate = dict(zip(FLAG_STEMS, flags))
-        outputs = []
-        for index, stem in enumerate(STEMS):
-            mask = masks[:, index] * gate[stem].float()
-            outputs.append(torch.stack([mask * real, mask * imag], dim=2).reshape(INPUT_SHAPE))
-        return tuple(outputs)
+        # One product per stem: the flag scales the mask, the mask both parts.
+        return tuple((masks[:, index] * gate[stem].float()).unsqueeze(2).mul(planes).reshape(INPUT_SHAPE)
+                     for index, stem in enumerate(STEMS))
 
 
 def load_network(checkpoint):

@@ -152,6 +152,16 @@ class Block(nn.Module):
         return x
 
 
+def source_softmax(logits):
+    """Softmax over the sources (axis 1). The exported graph spells it out:
+    the runtime's Softmax on an inner axis transposes the whole tensor
+    twice and took more than half of a model call."""
+    if not torch.onnx.is_in_onnx_export():
+        return torch.softmax(logits, dim=1)
+    weights = torch.exp(logits - logits.max(dim=1, keepdim=True).values)
+    return weights / weights.sum(dim=1, keepdim=True)
+
+
 class Separator(nn.Module):
     def __init__(self, config=None):
         super().__init__()
@@ -174,7 +184,7 @@ class Separator(nn.Module):
         for block in self.blocks:
             x = block(x)
         logits = self.decoder(self.out_norm(x))  # (B, 14, T, BINS)
-        return torch.softmax(logits.reshape(logits.shape[0], SOURCES, 2, *logits.shape[2:]), dim=1)
+        return source_softmax(logits.reshape(logits.shape[0], SOURCES, 2, *logits.shape[2:]))
 
     def forward(self, mixture):
         """complex (B, 2, T, BINS) -> complex estimates (B, 7, 2, T, BINS)."""

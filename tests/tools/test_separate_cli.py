@@ -236,6 +236,7 @@ def failures(tmp_path):
     (["good.wav", "--overwrite", "--skip-existing"], 2, "--skip-existing and --overwrite exclude each other"),
     (["good.wav", "--block", "0"], 2, "--block needs a positive number of frames, not '0'"),
     (["good.wav", "-o"], 2, "-o needs a value"),
+    (["good.wav", "--part-tag", "../x"], 2, "--part-tag takes up to 100 letters, digits, '.', '_' and '-', not '../x'"),
 ])
 def test_failures_say_one_line_and_leave_nothing_behind(failures, args, status, text):
     fill = {"{d}": str(failures), "{o}": str(failures / "new" / "out")}

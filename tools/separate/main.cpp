@@ -2,6 +2,7 @@
 // audio files, streams each through a TonwerkProc and writes its stems.
 #include "interrupt.h"
 #include "options.h"
+#include "pending_audio_file.h"
 #include "separate_command.h"
 #include "tool_error.h"
 
@@ -43,6 +44,7 @@ int main(int argc, char** argv) {
                       << soxr_version() << ")\n";
             return exitOk;
         }
+        if (!options.partTag.empty()) setPartTag(options.partTag);
         installInterruptHandlers();
         return options.serve ? runServeCommand(options) : runSeparateCommand(options, started);
     } catch (const ToolError& error) {

@@ -44,6 +44,8 @@ const char* const separateUsage =
     "  --overwrite          replace existing stem files (default: refuse)\n"
     "  --json FILE          also write the summary as JSON to FILE ('-': standard output,\n"
     "                       instead of the text summary)\n"
+    "  --part-tag TAG       stems are written as .NAME.part-TAG until they are complete (letters,\n"
+    "                       digits, '.', '_' and '-'; default: HOST-PID-RANDOM)\n"
     "  -q, --quiet          print nothing but errors\n"
     "  -v, --verbose        also show everything the library and ONNX Runtime print\n"
     "  --serve              separate the inputs named on standard input, one line each (INPUT, or\n"
@@ -93,6 +95,18 @@ StemSelection modelStemsOf(const OutputSelection& selection) {
     return stems;
 }
 
+// A tag ends up in file names: nothing that leaves the folder or needs quoting.
+std::string parsePartTag(const std::string& text) {
+    const bool plain = std::all_of(text.begin(), text.end(), [](char c) {
+        return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '.' ||
+               c == '_' || c == '-';
+    });
+    if (!plain || text.size() > 100) {
+        throw usageError("--part-tag takes up to 100 letters, digits, '.', '_' and '-', not '" + text + "'");
+    }
+    return text;
+}
+
 bool isFlag(const std::string& arg) {
     static const char* const flags[] = {"-h", "--help", "--version", "-q", "--quiet", "-v", "--verbose",
                                         "--dither", "--skip-existing", "--overwrite", "--serve"};
@@ -123,6 +137,7 @@ void setValue(SeparateOptions& options, const std::string& arg, const std::strin
     else if (arg == "--block") options.blockFrames = parseBlock(value);
     else if (arg == "--format") options.format = parseFormatRequest(value);
     else if (arg == "--json") options.jsonPath = value;
+    else if (arg == "--part-tag") options.partTag = parsePartTag(value);
     else options.referenceDir = value;
 }
 
@@ -154,7 +169,8 @@ void checkCombinations(const SeparateOptions& options, int quietCount, int verbo
 
 SeparateOptions parseSeparateOptions(const std::vector<std::string>& args) {
     static const char* const valued[] = {"-o",      "--name",      "--model",  "--key",  "--stems",
-                                         "--stems-out", "--block", "--format", "--json", "--reference-dir"};
+                                         "--stems-out", "--block", "--format", "--json", "--reference-dir",
+                                         "--part-tag"};
     SeparateOptions options;
     int quietCount = 0, verboseCount = 0, existingCount = 0;
     bool optionsEnded = false;

@@ -32,6 +32,7 @@ struct SeparateOptions {
     ExistingOutputs existing = ExistingOutputs::refuse;
     Verbosity verbosity = Verbosity::normal;
     std::string jsonPath;  // empty: no JSON summary; "-": standard output
+    std::string partTag;   // empty: HOST-PID-RANDOM in the temporary names
     bool serve = false;    // inputs come from standard input, each one of many
     bool help = false;
     bool version = false;

@@ -2,7 +2,9 @@
 
 #include "tool_error.h"
 
+#include <climits>
 #include <cmath>
+#include <random>
 #include <sndfile.h>
 #include <unistd.h>
 
@@ -15,15 +17,41 @@ namespace {
 // Vorbis and MP3 at a high quality setting: stems are for further work.
 constexpr double lossyCompressionLevel = 0.2;
 
+std::string hostName() {
+    char name[HOST_NAME_MAX + 1] = {};
+    if (::gethostname(name, sizeof name - 1) != 0 || name[0] == '\0') return "host";
+    std::string host(name);
+    for (char& c : host) {
+        if (c == '/' || c == '\\') c = '_';
+    }
+    return host;
+}
+
+std::string& tagStorage() {
+    static std::string tag;
+    return tag;
+}
+
 }  // namespace
+
+void setPartTag(std::string tag) { tagStorage() = std::move(tag); }
+
+const std::string& partTag() {
+    std::string& tag = tagStorage();
+    if (tag.empty()) {
+        std::random_device entropy;
+        const unsigned long random = (static_cast<unsigned long>(entropy()) << 16) ^ entropy();
+        tag = hostName() + "-" + std::to_string(::getpid()) + "-" + std::to_string(random % 0xFFFFFFul);
+    }
+    return tag;
+}
 
 PendingAudioFile::PendingAudioFile(fs::path finalPath, int sampleRate, int channels, const OutputFormat& format,
                                    bool dither, std::uint64_t ditherSeed)
     : finalPath_(std::move(finalPath)), channels_(channels), lossy_(format.encoding == Encoding::lossy) {
-    // Hidden and tagged with the process id, so a crashed run's leftovers are
-    // recognisable and two runs into one folder do not collide.
-    tempPath_ = finalPath_.parent_path() /
-                ("." + finalPath_.filename().string() + ".part-" + std::to_string(::getpid()));
+    // Hidden and tagged, so a crashed run's leftovers are recognisable and
+    // two runs into one folder do not collide.
+    tempPath_ = finalPath_.parent_path() / ("." + finalPath_.filename().string() + ".part-" + partTag());
     SF_INFO info{};
     info.samplerate = sampleRate;
     info.channels = channels;

@@ -9,11 +9,19 @@
 #include <cstdint>
 #include <filesystem>
 #include <optional>
+#include <string>
 #include <vector>
 
 typedef struct sf_private_tag SNDFILE;
 
 namespace tonwerk::tools {
+
+// The tag in every temporary name this process writes (.NAME.part-TAG):
+// HOST-PID-RANDOM unless set, so processes on machines that share a folder
+// never collide and a caller that chose the tag can find its own leftovers.
+// Set once at start-up, before any file is written.
+void setPartTag(std::string tag);
+const std::string& partTag();
 
 class PendingAudioFile {
 public:

@@ -1,54 +1,76 @@
-"""The manifest of a batch (JSON Lines, one record per song) and the
-summary printed at its end."""
+"""The manifest of a batch: JSON Lines, one record per song, appended as
+each song finishes. A rerun appends to it; where a song has several
+records, the last one counts."""
 import json
 import os
+import time
 
+STATUSES = ("separated", "skipped", "failed", "cancelled")
 SUCCEEDED = ("separated", "skipped")
+SUMMED = ("input", "status", "reason", "seconds", "wall_seconds")
+# A lost machine loses at most the records of this many last seconds.
+SYNC_SECONDS = 2
 
 
 def song_record(song, status, reason=None, worker=None):
     """A song's record as it starts: what its worker learns fills it in."""
-    return {"input": song.path, "status": status, "reason": reason, "outputs": {}, "seconds": None,
-            "wall_seconds": None, "worker": worker}
+    return {"input": song.path, "status": status, "reason": reason, "retried": None, "outputs": {},
+            "seconds": None, "wall_seconds": None, "worker": worker}
 
 
-def write_manifest(path, records):
-    """Whole or not at all: written beside, then renamed into place."""
-    folder = os.path.dirname(os.path.abspath(path))
-    os.makedirs(folder, exist_ok=True)
-    part = os.path.join(folder, ".%s.part-%d" % (os.path.basename(path), os.getpid()))
+class Manifest:
+    """Each record is one write of one line, straight to the file, so a
+    driver killed at any moment leaves the record of every song it was
+    told of, and at worst one torn line."""
+
+    def __init__(self, path):
+        os.makedirs(os.path.dirname(os.path.abspath(path)), exist_ok=True)
+        self._file = os.open(path, os.O_RDWR | os.O_APPEND | os.O_CREAT, 0o644)
+        self._synced = time.monotonic()
+        size = os.fstat(self._file).st_size
+        if size and os.pread(self._file, 1, size - 1) != b"\n":
+            self._write(b"\n")  # the torn last line of a killed run stays a line of its own
+
+    def append(self, record):
+        self._write((json.dumps(record, ensure_ascii=False) + "\n").encode("utf-8", "surrogateescape"))
+        if time.monotonic() - self._synced >= SYNC_SECONDS:
+            self._sync()
+
+    def _write(self, data):
+        while data:
+            data = data[os.write(self._file, data):]
+
+    def _sync(self):
+        os.fsync(self._file)
+        self._synced = time.monotonic()
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *exc):
+        self._sync()
+        os.close(self._file)
+
+
+def latest_records(path, warn):
+    """The last record of each song in the manifest at `path`; a line that
+    is no record (torn by a killed run, say) is left out and warn(text) told."""
+    latest = {}
+    with open(path, "rb") as lines:
+        for number, line in enumerate(lines, 1):
+            record = _parsed(line)
+            if record is None and line.strip():
+                warn("%s line %d is no record: left out" % (path, number))
+            elif record:
+                # Only what a summary needs: a catalog may have millions of songs.
+                latest[record["input"]] = {key: record.get(key) for key in SUMMED}
+    return list(latest.values())
+
+
+def _parsed(line):
     try:
-        with open(part, "w", encoding="utf-8", errors="surrogateescape") as out:
-            for record in records:
-                out.write(json.dumps(record, ensure_ascii=False) + "\n")
-        os.replace(part, path)
-    except BaseException:
-        if os.path.exists(part):
-            os.remove(part)
-        raise
-
-
-def _clock(seconds):
-    minutes, seconds = divmod(int(round(seconds)), 60)
-    return "%d:%02d:%02d" % (minutes // 60, minutes % 60, seconds) if minutes >= 60 else "%d:%02d" % (minutes, seconds)
-
-
-def counts(records):
-    tally = {"separated": 0, "skipped": 0, "failed": 0, "cancelled": 0}
-    for record in records:
-        tally[record["status"]] += 1
-    return tally
-
-
-def summary(records, wall_seconds, manifest_path):
-    tally = counts(records)
-    audio = sum(record["seconds"] or 0 for record in records)
-    rate = 60 * tally["separated"] / wall_seconds if wall_seconds > 0 else 0
-    lines = ["%d songs: %d separated, %d skipped, %d failed%s in %s (%.1f songs/min, %s of audio)" % (
-        len(records), tally["separated"], tally["skipped"], tally["failed"],
-        ", %d cancelled" % tally["cancelled"] if tally["cancelled"] else "", _clock(wall_seconds), rate,
-        _clock(audio))]
-    lines += ["failed: %s: %s" % (record["input"], record["reason"]) for record in records
-              if record["status"] == "failed"]
-    lines.append("manifest: " + manifest_path)
-    return "\n".join(lines) + "\n"
+        record = json.loads(line.decode("utf-8", "surrogateescape"))
+    except ValueError:
+        return None
+    valid = isinstance(record, dict) and isinstance(record.get("input"), str) and record.get("status") in STATUSES
+    return record if valid else None

@@ -6,7 +6,7 @@ import uuid
 from distributed import as_completed
 
 from tonwerk.batch.manifest import song_record
-from tonwerk.batch.server import separate_song
+from tonwerk.batch.worker import separate_song
 
 # Tasks in flight at once: enough to keep hundreds of workers busy, few
 # enough that a catalog of a million songs never sits in the scheduler.
@@ -22,15 +22,15 @@ def _lost(song, future):
     return song_record(song, "failed", "%s: %s" % (type(error).__name__, error))
 
 
-def run_songs(client, songs, program, arguments, on_record, window=WINDOW):
+def run_songs(client, songs, program, arguments, timeout, on_record, window=WINDOW):
     """Calls on_record(record) for every song as it finishes, in any order."""
     batch = uuid.uuid4().hex[:8]
     queue = iter(enumerate(songs))
     owners = {}
 
     def submit(index, song):
-        future = client.submit(separate_song, song, program, arguments, key="tonwerk-%s-%d" % (batch, index),
-                               pure=False)
+        future = client.submit(separate_song, song, program, arguments, timeout,
+                               key="tonwerk-%s-%d" % (batch, index), pure=False)
         owners[future] = song
         return future
 

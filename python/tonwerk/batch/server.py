@@ -1,22 +1,21 @@
-"""The workers' side of a batch: one tonwerk-separate --serve process per
-worker process, started by its first song and kept for the next, so the
-model loads once per process. Runs inside Dask worker processes."""
-import atexit
-import glob
+"""One tonwerk-separate --serve process, asked about one song at a time.
+Its answers are read with a deadline and checked against the song asked
+about, so a hung, dead or confused server is noticed instead of waited
+for or believed."""
 import json
+import math
 import os
+import secrets
+import select
 import shutil
 import signal
 import socket
 import subprocess
-import threading
 import time
 
-from tonwerk.batch.manifest import song_record
-
-# Per worker process: the servers by worker thread (a worker with several
-# threads separates several songs at once) and tonwerk-separate arguments.
-_servers = {}
+# A server asked to stop removes its song's unfinished files between two
+# blocks of audio, well within this; one that does not is killed.
+GRACE_SECONDS = 5
 
 
 def find_program(configured=None):
@@ -44,30 +43,105 @@ def _executable(path):
     return os.access(path, os.X_OK) and not os.path.isdir(path)
 
 
-class ServerStopped(Exception):
+class ServerTrouble(Exception):
+    """The server cannot be trusted with another song: it stopped, or it
+    answered something other than the song asked about."""
+
+
+class TimedOut(Exception):
     pass
+
+
+def part_tag():
+    """A tag for one server's temporary names: host, process and a random
+    part, so no other server (on this machine or another that shares the
+    output folders) writes the same names."""
+    host = "".join(c if c.isalnum() or c in "._-" else "_" for c in socket.gethostname())[:40] or "host"
+    return "%s-%d-%s" % (host, os.getpid(), secrets.token_hex(4))
 
 
 class Server:
     def __init__(self, program, arguments):
-        self.process = subprocess.Popen([find_program(program), "--serve", "--quiet", *arguments],
-                                        stdin=subprocess.PIPE, stdout=subprocess.PIPE)
+        # Chosen here and passed on, so the worker knows the names its server writes.
+        self.tag = part_tag()
+        self.process = subprocess.Popen([find_program(program), "--serve", "--quiet", "--part-tag", self.tag,
+                                         *arguments], stdin=subprocess.PIPE, stdout=subprocess.PIPE)
+        self.pid = self.process.pid
+        self._unread = b""  # what was read past the last answer's line end
+        # poll, not select: a worker process may hold more than 1024 files.
+        self._readable = select.poll()
+        self._readable.register(self.process.stdout.fileno(), select.POLLIN)
 
-    def ask(self, song):
-        request = os.fsencode(song.path) + b"\t" + os.fsencode(song.outdir) + b"\n"
+    def ask(self, song, seconds):
+        """The answer about `song`, given within `seconds`."""
+        deadline = time.monotonic() + seconds
         try:
-            self.process.stdin.write(request)
+            self.process.stdin.write(os.fsencode(song.path) + b"\t" + os.fsencode(song.outdir) + b"\n")
             self.process.stdin.flush()
-            answer = self.process.stdout.readline()
         except BrokenPipeError:
-            answer = b""
-        if not answer:
-            raise ServerStopped(_describe_exit(self.process.wait()))
-        return json.loads(answer)
+            raise ServerTrouble(self._stopped()) from None
+        return _checked(self._line(deadline), song)
 
-    def close(self):
-        self.process.stdin.close()
-        self.process.wait()
+    def _line(self, deadline):
+        """Read from the pipe as it comes (not with readline, which would
+        wait past any deadline)."""
+        while b"\n" not in self._unread:
+            left = deadline - time.monotonic()
+            if left <= 0:
+                raise TimedOut()
+            # poll takes a C int of milliseconds: a long limit is waited out a day at a time.
+            if not self._readable.poll(math.ceil(1000 * min(left, 86400))):
+                continue
+            chunk = os.read(self.process.stdout.fileno(), 65536)
+            if not chunk:
+                raise ServerTrouble(self._stopped())
+            self._unread += chunk
+        line, _, self._unread = self._unread.partition(b"\n")
+        return line
+
+    def _stopped(self):
+        try:
+            how = _describe_exit(self.process.wait(GRACE_SECONDS))
+        except subprocess.TimeoutExpired:  # running still, but deaf or mute: stop() ends it
+            how = "it closed its standard input or output"
+        return "tonwerk-separate stopped while separating it (%s)" % how
+
+    def stop(self, busy):
+        """An idle server ends at the end of its input; a busy one is also
+        terminated, so that it abandons its song and removes the song's
+        temporary files. One that has not ended within GRACE_SECONDS is
+        killed."""
+        _close(self.process.stdin)
+        if busy:
+            self.process.terminate()
+        try:
+            self.process.wait(GRACE_SECONDS)
+        except subprocess.TimeoutExpired:
+            self.process.kill()
+            self.process.wait()
+        _close(self.process.stdout)
+
+
+def _close(pipe):
+    try:
+        pipe.close()
+    except OSError:  # what is left to flush has nobody to read it
+        pass
+
+
+def _checked(line, song):
+    """The answer on `line`, if it is one and it is about `song`. The server
+    passes the request's input back unchanged, so the paths must be equal."""
+    text = line.decode("utf-8", "surrogateescape")
+    try:
+        answer = json.loads(text)
+    except ValueError:
+        answer = None
+    if not isinstance(answer, dict):
+        raise ServerTrouble("tonwerk-separate answered with a line that is no answer: %.200s" % text)
+    if answer.get("input") != song.path:
+        raise ServerTrouble("tonwerk-separate answered about another input: %.200s" % answer.get("input"))
+    return answer
 
 
 def _describe_exit(status):
@@ -77,66 +151,3 @@ def _describe_exit(status):
         except ValueError:
             return "killed by signal %d" % -status
     return "exit status %d" % status
-
-
-def _remove_leftovers(outdir, pid):
-    """What a server killed mid-song could not remove: its temporary files,
-    named .NAME.part-PID beside the stems."""
-    for path in glob.glob(os.path.join(glob.escape(outdir), "**", ".*.part-%d" % pid), recursive=True):
-        try:
-            os.remove(path)
-        except OSError:
-            pass
-
-
-def _close_all():
-    for server in _servers.values():
-        server.close()
-
-
-atexit.register(_close_all)
-
-
-def worker_name():
-    try:
-        from distributed import get_worker
-        return get_worker().address
-    except (ImportError, ValueError):
-        return "%s pid %d" % (socket.gethostname(), os.getpid())
-
-
-def _answered(record, answer):
-    if "error" in answer:
-        record["reason"] = answer["error"]
-    elif answer.get("skipped"):
-        record["status"] = "skipped"
-    else:
-        record["status"] = "separated"
-        record["seconds"] = answer["seconds"]
-        record["outputs"] = {stem: facts["file"] for stem, facts in answer["stems"].items()}
-
-
-def separate_song(song, program, arguments):
-    """The task of one song: its manifest record. A failure of the song is
-    a record with status "failed" and the reason, never an exception, so
-    that Dask retries only songs whose worker died."""
-    started = time.monotonic()
-    record = song_record(song, "failed", worker=worker_name())
-    if any(c in path for path in (song.path, song.outdir) for c in "\t\n"):
-        record["reason"] = "its path holds a tab or a line break, which cannot be passed on"
-    else:
-        key = (threading.get_ident(), program, arguments)
-        server = _servers.get(key)
-        try:
-            if server is None:
-                server = _servers[key] = Server(program, arguments)
-            record["server_pid"] = server.process.pid
-            _answered(record, server.ask(song))
-        except ServerStopped as stopped:
-            del _servers[key]
-            _remove_leftovers(song.outdir, server.process.pid)
-            record["reason"] = "tonwerk-separate stopped while separating it (%s)" % stopped
-        except OSError as error:
-            record["reason"] = str(error)
-    record["wall_seconds"] = round(time.monotonic() - started, 4)
-    return record

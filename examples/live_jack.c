@@ -14,6 +14,7 @@
 #include <jack/jack.h>
 
 #include <signal.h>
+#include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -56,17 +57,37 @@ static int process(jack_nframes_t frames, void* arg) {
     return 0;
 }
 
-/* Every output lags the inputs by the adapter's latency. */
+/* The widest of the ranges of `ports` in `mode`. */
+static jack_latency_range_t widest(jack_port_t* const* ports, int count, jack_latency_callback_mode_t mode) {
+    jack_latency_range_t all = {UINT32_MAX, 0};
+    for (int i = 0; i < count; ++i) {
+        jack_latency_range_t range;
+        jack_port_get_latency_range(ports[i], mode, &range);
+        if (range.min < all.min) all.min = range.min;
+        if (range.max > all.max) all.max = range.max;
+    }
+    if (all.min > all.max) all.min = all.max;
+    return all;
+}
+
+/* Every output lags the inputs by the adapter's latency. JACK asks twice:
+ * for capture latency, which flows downstream (what reaches our outputs is
+ * that much older than what reached our inputs), and for playback latency,
+ * which flows upstream (what enters our inputs is heard that much later
+ * than what leaves our outputs). */
 static void report_latency(jack_latency_callback_mode_t mode, void* arg) {
     Host* host = arg;
-    if (mode != JackPlaybackLatency) return;
-    jack_latency_range_t range;
-    jack_port_get_latency_range(host->in[0], JackPlaybackLatency, &range);
+    jack_port_t* outs[2 * TW_OUTPUT_COUNT];
+    for (int s = 0; s < TW_OUTPUT_COUNT; ++s) {
+        for (int c = 0; c < 2; ++c) outs[2 * s + c] = host->out[s][c];
+    }
+    const int capture = mode == JackCaptureLatency;
+    jack_latency_range_t range = capture ? widest(host->in, 2, mode) : widest(outs, 2 * TW_OUTPUT_COUNT, mode);
     range.min += (jack_nframes_t)host->latency;
     range.max += (jack_nframes_t)host->latency;
-    for (int s = 0; s < TW_OUTPUT_COUNT; ++s) {
-        for (int c = 0; c < 2; ++c) jack_port_set_latency_range(host->out[s][c], JackPlaybackLatency, &range);
-    }
+    jack_port_t* const* targets = capture ? outs : host->in;
+    const int count = capture ? 2 * TW_OUTPUT_COUNT : 2;
+    for (int i = 0; i < count; ++i) jack_port_set_latency_range(targets[i], mode, &range);
 }
 
 static int buffer_size_changed(jack_nframes_t frames, void* arg) {

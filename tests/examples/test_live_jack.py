@@ -5,11 +5,14 @@ one that plays them line up with the input. Nothing here depends on pace:
 every wait is for a state, with a deadline that only guards against hangs."""
 import os
 import re
-import signal
 import subprocess
+import sys
 import time
 
 import pytest
+
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), ".."))
+from jack_server import private_server  # noqa: E402
 
 EXAMPLE, MODEL = os.environ.get("TONWERK_LIVE_JACK"), os.environ.get("TONWERK_BASELINE_MODEL")
 
@@ -42,26 +45,8 @@ def latencies(env):
 @pytest.fixture
 def jack(tmp_path):
     env = dict(os.environ, JACK_DEFAULT_SERVER="tonwerk-example-%d" % os.getpid(), JACK_NO_START_SERVER="1")
-    log = open(tmp_path / "jack.log", "w")
-    started = []
-
-    def start(*command):
-        started.append(subprocess.Popen(command, env=env, stdout=log, stderr=log, start_new_session=True))
-        return started[-1]
-
-    start("jackd", "-d", "dummy", "-r", "44100", "-p", "256")
-    try:
-        wait_for(lambda: subprocess.run(["jack_lsp"], env=env, capture_output=True).returncode == 0)
+    with open(tmp_path / "jack.log", "w") as log, private_server(env, log, 256) as start:
         yield env, start
-    finally:
-        # Asked first: a server killed outright stays registered.
-        for process in reversed(started):
-            if process.poll() is None:
-                os.killpg(process.pid, signal.SIGTERM)
-            try:
-                process.wait(timeout=30)
-            except subprocess.TimeoutExpired:
-                os.killpg(process.pid, signal.SIGKILL)
 
 
 @pytest.mark.skipif(not EXAMPLE, reason="built without JACK")

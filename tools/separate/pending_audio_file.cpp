@@ -39,9 +39,7 @@ void setPartTag(std::string tag) { tagStorage() = std::move(tag); }
 const std::string& partTag() {
     std::string& tag = tagStorage();
     if (tag.empty()) {
-        std::random_device entropy;
-        const unsigned long random = (static_cast<unsigned long>(entropy()) << 16) ^ entropy();
-        tag = hostName() + "-" + std::to_string(::getpid()) + "-" + std::to_string(random % 0xFFFFFFul);
+        tag = hostName() + "-" + std::to_string(::getpid()) + "-" + std::to_string(std::random_device{}());
     }
     return tag;
 }

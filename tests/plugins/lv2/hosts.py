@@ -8,7 +8,6 @@
 # the adapter's latency and, unless only counting them, no underrun.
 import os
 import re
-import signal
 import subprocess
 import sys
 import tempfile
@@ -16,6 +15,9 @@ import time
 
 import numpy as np
 import soundfile
+
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", ".."))
+from jack_server import private_server  # noqa: E402
 
 URI = "urn:tonwerk:stems"
 # Controls, and the output over the delayed input: the identity model puts
@@ -52,29 +54,12 @@ def render(env, work):
 def realtime(env, work, seconds, count_underruns):
     env.update(JACK_DEFAULT_SERVER="tonwerk-lv2-%d" % os.getpid(), JACK_NO_START_SERVER="1")
     block, log = 256, open(os.path.join(work, "jalv.log"), "w")
-    io = dict(env=env, stdout=log, stderr=log, start_new_session=True)
-    # Real-time scheduling where the user may have it keeps the machine's
-    # other load from delaying the host; without it JACK runs all the same.
-    processes = [subprocess.Popen(["jackd", "-R", "-d", "dummy", "-r", "44100", "-p", str(block)], **io)]
-    try:
-        deadline = time.time() + 20
-        while subprocess.run(["jack_lsp"], env=env, capture_output=True).returncode != 0 and time.time() < deadline:
-            time.sleep(0.2)
+    with private_server(env, log, block, realtime=True) as start:
         # jalv takes commands until its input ends: "monitors" prints the
         # control outputs.
-        processes.append(subprocess.Popen(["jalv", URI], stdin=subprocess.PIPE, text=True, **io))
+        jalv = start("jalv", URI, stdin=subprocess.PIPE, text=True)
         time.sleep(seconds)
-        processes[-1].communicate("monitors\n", timeout=60)
-    finally:
-        # Asked first: a JACK server killed outright stays registered, and
-        # a handful of those keep any new one from starting.
-        for process in reversed(processes):
-            if process.poll() is None:
-                os.killpg(process.pid, signal.SIGTERM)
-            try:
-                process.wait(timeout=30)
-            except subprocess.TimeoutExpired:
-                os.killpg(process.pid, signal.SIGKILL)
+        jalv.communicate("monitors\n", timeout=60)
     log.close()
     text = open(log.name).read()
     printed = dict(re.findall(r"^(?:> )*(latency|underruns) = (\S+)$", text, re.M))

@@ -3,10 +3,13 @@
 // the worker load (compute time over the audio time a run covers) beside
 // the adapter's latency; then it streams through an adapter at the default
 // settings in real time, paced like an audio callback, and counts underruns.
-// A table, then one JSON line.
+// The load of an instance at the default update is also timed with 1 and 2
+// threads per run and with 1 and 2 instances running at once, as in a
+// session with two plugins. Tables, then one JSON line.
 #include "tonwerk/tonwerk_live.hpp"
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
@@ -96,11 +99,14 @@ struct Outputs {
     float* pointers[TW_OUTPUT_COUNT];
 };
 
-// Median seconds of one engine run.
-double timeRuns(const std::vector<unsigned char>& model, unsigned update, int runs) {
-    tw_live_settings settings = tonwerk::live::defaultSettings();
-    settings.update = update;
-    tonwerk::live::Engine engine(model, settings);
+double median(std::vector<double> values) {
+    std::nth_element(values.begin(), values.begin() + values.size() / 2, values.end());
+    return values[values.size() / 2];
+}
+
+// Seconds of each of `runs` engine runs after one warm-up; `started` counts
+// the engines that are ready, and timing waits until `instances` are.
+std::vector<double> timeEngine(tonwerk::live::Engine& engine, int runs, std::atomic<int>& started, int instances) {
     const std::size_t block = engine.blockFrames();
     std::vector<float> input(2 * block);
     Outputs out(block);
@@ -109,10 +115,35 @@ double timeRuns(const std::vector<unsigned char>& model, unsigned update, int ru
         fill(input, static_cast<std::size_t>(r) * block);
         const auto start = Clock::now();
         engine.process(input.data(), out.pointers);
-        if (r > 0) seconds.push_back(std::chrono::duration<double>(Clock::now() - start).count());
+        if (r == 0) {
+            started.fetch_add(1);
+            while (started.load() < instances) std::this_thread::yield();
+        } else {
+            seconds.push_back(std::chrono::duration<double>(Clock::now() - start).count());
+        }
     }
-    std::nth_element(seconds.begin(), seconds.begin() + seconds.size() / 2, seconds.end());
-    return seconds[seconds.size() / 2];
+    return seconds;
+}
+
+// Median seconds of one engine run while `instances` engines, each on its
+// own thread with `threads` threads per run, work at once.
+double timeRuns(const std::vector<unsigned char>& model, unsigned update, int runs, unsigned threads = 1,
+                int instances = 1) {
+    tw_live_settings settings = tonwerk::live::defaultSettings();
+    settings.update = update;
+    settings.threads = threads;
+    std::vector<tonwerk::live::Engine> engines;
+    for (int i = 0; i < instances; ++i) engines.emplace_back(model, settings);
+    std::vector<std::vector<double>> seconds(static_cast<std::size_t>(instances));
+    std::atomic<int> started{0};
+    std::vector<std::thread> workers;
+    for (std::size_t i = 0; i < engines.size(); ++i) {
+        workers.emplace_back([&, i] { seconds[i] = timeEngine(engines[i], runs, started, instances); });
+    }
+    for (std::thread& worker : workers) worker.join();
+    std::vector<double> all;
+    for (const auto& each : seconds) all.insert(all.end(), each.begin(), each.end());
+    return median(all);
 }
 
 std::size_t adapterLatency(const std::vector<unsigned char>& model, unsigned update) {
@@ -157,6 +188,21 @@ int main(int argc, char** argv) {
         }
         json.back() = '}';
         json += ",";
+    }
+    std::printf("\n%-28s %7s %8s %10s %10s %8s\n", "model (update 4)", "threads", "instances", "run ms",
+                "load each", "cores");
+    for (const std::string& path : options.models) {
+        const std::vector<unsigned char> model = readFile(path);
+        for (const unsigned threads : {1U, 2U}) {
+            for (const int instances : {1, 2}) {
+                const double run = timeRuns(model, 4, options.runs, threads, instances);
+                const double load = run / (4 * 1024 / kRate);
+                std::printf("%-28s %7u %8d %10.2f %10.3f %8.2f\n", baseName(path).c_str(), threads, instances,
+                            1000 * run, load, load * instances);
+                json += "\"" + baseName(path) + "_threads_" + std::to_string(threads) + "_instances_" +
+                        std::to_string(instances) + "\":" + std::to_string(load) + ",";
+            }
+        }
     }
     const std::vector<unsigned char> first = readFile(options.models.front());
     tonwerk::live::Adapter defaults(first);

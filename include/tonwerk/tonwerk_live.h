@@ -50,7 +50,11 @@
  * silence elsewhere, so the residual plus the stems is always the delayed
  * input.
  *
- * Threading: the library starts one thread per adapter, none for engines.
+ * Threading: the library starts one thread per adapter, none for engines,
+ * and each model run uses `threads` threads: with more than one, ONNX
+ * Runtime keeps threads - 1 helpers per handle, asleep between runs. One
+ * thread per instance leaves the other cores to the host and to other
+ * instances; more shortens each run where cores are free.
  * An engine must be used by one thread at a time. An adapter's process,
  * reset and set_offline calls belong to one thread at a time (the audio
  * thread); in real-time mode tw_live_adapter_process never allocates, locks,
@@ -88,6 +92,10 @@ typedef struct tw_live_settings {
     uint32_t lookahead; /* frames of future context, 0..256 - update */
     uint32_t max_block; /* adapter: most frames per tw_live_adapter_process call, >= 1 */
     int offline;        /* adapter: non-zero waits for the model instead of counting underruns */
+    uint32_t threads;   /* threads one model run uses, the caller's (or the worker's) included, 1..64;
+                           the helpers sleep between runs instead of spinning */
+    int gpu;            /* non-zero tries the GPU execution providers the offline processor tries,
+                           in its order; zero (the default) runs on the CPU and tries none */
 } tw_live_settings;
 
 typedef struct tw_live_latency {
@@ -99,7 +107,8 @@ typedef struct tw_live_latency {
 typedef struct tw_live_engine tw_live_engine;
 typedef struct tw_live_adapter tw_live_adapter;
 
-/* All stems, update 4, lookahead 4, max_block 512, real time. */
+/* All stems, update 4, lookahead 4, max_block 512, real time, one thread,
+ * CPU only. */
 TW_LIVE_API void tw_live_default_settings(tw_live_settings* settings);
 
 /* The calling thread's message of its last failed call ("" if none). */

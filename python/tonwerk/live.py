@@ -24,14 +24,15 @@ def _check(status):
 class LiveSeparator:
     """A live engine on `model` (a file path or the model's bytes): `update`
     hops (1024 frames) of input per model run, `lookahead` frames of future
-    context for each frame handed out."""
+    context for each frame handed out; `threads` threads per model run."""
 
-    def __init__(self, model, update=4, lookahead=4, stems=STEMS):
+    def __init__(self, model, update=4, lookahead=4, stems=STEMS, threads=1):
         self._lib = _library.load_live()
         data = separator.model_bytes(model)
         settings = _library.LiveSettings()
         self._lib.tw_live_default_settings(ctypes.byref(settings))
         settings.stem_mask, settings.update, settings.lookahead = _stem_mask(stems), update, lookahead
+        settings.threads = threads
         handle = ctypes.c_void_p()
         _check(self._lib.tw_live_engine_create(data, len(data), ctypes.byref(settings), ctypes.byref(handle)))
         self._handle = handle

@@ -36,6 +36,20 @@ public:
 // All processors sharing the backend see the latest selection.
 void setSelectedStems(std::shared_ptr<IInference>& inference, StemFlags flags);
 
+// How a backend's session shares the machine. The defaults are the
+// runtime's own: a thread per core that spins between runs, and every
+// accelerator provider tried. A live instance beside a host's audio threads
+// narrows them to one sleeping thread on the CPU.
+struct SessionTuning {
+    // Threads one run uses, the caller's included; 0 is the runtime's choice.
+    int intraOpThreads = 0;
+    // Whether idle pool threads spin waiting for the next run.
+    bool spinning = true;
+    // false builds a CPU session at once, without trying (and logging the
+    // failure of) providers this machine may not have.
+    bool tryAccelerators = true;
+};
+
 // Loads ONNX Runtime if needed and builds the backend from plain model bytes.
 // Empty name lists mean "take the model's own names"; an empty providerName
 // keeps the fixed provider preference order.
@@ -43,5 +57,9 @@ std::shared_ptr<IInference> makeInferenceBackend(const void* modelData, std::siz
                                                  const std::vector<std::string>& inputNames,
                                                  const std::vector<std::string>& outputNames,
                                                  const std::string& providerName);
+std::shared_ptr<IInference> makeInferenceBackend(const void* modelData, std::size_t modelSize,
+                                                 const std::vector<std::string>& inputNames,
+                                                 const std::vector<std::string>& outputNames,
+                                                 const std::string& providerName, const SessionTuning& tuning);
 
 }  // namespace tonwerk

@@ -76,11 +76,16 @@ void removeModelCacheDirectory(const std::string& directory) {
 class InferenceONNXImplMultiStem final : public IInference {
 public:
     InferenceONNXImplMultiStem(const void* model, std::size_t modelSize, const std::vector<std::string>& inputNames,
-                               const std::vector<std::string>& outputNames, const std::string& preferredProvider)
+                               const std::vector<std::string>& outputNames, const std::string& preferredProvider,
+                               const SessionTuning& tuning)
         : env_(ORT_LOGGING_LEVEL_WARNING, "") {
         TW_LOG(info, kBackendConstructorName) << "[INFERENCE_onnx] Create Inference ONNX";
-        OrtSessionRuntime runtime(env_, model, modelSize);
-        walkExecutionProviders(runtime, preferredProvider);
+        OrtSessionRuntime runtime(env_, model, modelSize, tuning);
+        if (tuning.tryAccelerators) {
+            walkExecutionProviders(runtime, preferredProvider);
+        } else {
+            runtime.createPlainSession();
+        }
         session_ = runtime.takeSession();
         removeModelCacheDirectory(coreMlCacheDirectory_);
 
@@ -188,9 +193,16 @@ std::shared_ptr<IInference> makeInferenceBackend(const void* modelData, std::siz
                                                  const std::vector<std::string>& inputNames,
                                                  const std::vector<std::string>& outputNames,
                                                  const std::string& providerName) {
+    return makeInferenceBackend(modelData, modelSize, inputNames, outputNames, providerName, SessionTuning{});
+}
+
+std::shared_ptr<IInference> makeInferenceBackend(const void* modelData, std::size_t modelSize,
+                                                 const std::vector<std::string>& inputNames,
+                                                 const std::vector<std::string>& outputNames,
+                                                 const std::string& providerName, const SessionTuning& tuning) {
     initOnnxRuntime();
     return std::make_shared<InferenceONNXImplMultiStem>(modelData, modelSize, inputNames, outputNames,
-                                                        providerName);
+                                                        providerName, tuning);
 }
 
 }  // namespace tonwerk

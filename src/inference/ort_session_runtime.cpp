@@ -5,12 +5,21 @@
 
 namespace tonwerk {
 
-OrtSessionRuntime::OrtSessionRuntime(const Ort::Env& env, const void* model, std::size_t modelSize)
-    : env_(env), model_(model), modelSize_(modelSize) {}
+OrtSessionRuntime::OrtSessionRuntime(const Ort::Env& env, const void* model, std::size_t modelSize,
+                                     SessionTuning tuning)
+    : env_(env), model_(model), modelSize_(modelSize), tuning_(tuning) {}
+
+// Default tuning leaves the options untouched, as the runtime makes them.
+Ort::SessionOptions OrtSessionRuntime::tunedOptions() const {
+    Ort::SessionOptions options;
+    if (tuning_.intraOpThreads > 0) options.SetIntraOpNumThreads(tuning_.intraOpThreads);
+    if (!tuning_.spinning) options.AddConfigEntry("session.intra_op.allow_spinning", "0");
+    return options;
+}
 
 std::vector<std::string> OrtSessionRuntime::availableProviders() { return Ort::GetAvailableProviders(); }
 
-void OrtSessionRuntime::beginAttempt() { options_ = Ort::SessionOptions(); }
+void OrtSessionRuntime::beginAttempt() { options_ = tunedOptions(); }
 
 void OrtSessionRuntime::appendProvider(ProviderKind kind) {
     switch (kind) {
@@ -34,7 +43,7 @@ void OrtSessionRuntime::createSession() {
 }
 
 void OrtSessionRuntime::createPlainSession() {
-    const Ort::SessionOptions plain;
+    const Ort::SessionOptions plain = tunedOptions();
     session_ = std::make_unique<Ort::Session>(env_, model_, modelSize_, plain);
 }
 

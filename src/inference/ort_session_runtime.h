@@ -1,6 +1,7 @@
 // The provider walk's operations on the real ONNX Runtime.
 #pragma once
 
+#include "inference/inference.h"
 #include "inference/provider_walk.h"
 
 #include <onnxruntime_cxx_api.h>
@@ -15,7 +16,7 @@ namespace tonwerk {
 // handed over with takeSession().
 class OrtSessionRuntime : public SessionRuntime {
 public:
-    OrtSessionRuntime(const Ort::Env& env, const void* model, std::size_t modelSize);
+    OrtSessionRuntime(const Ort::Env& env, const void* model, std::size_t modelSize, SessionTuning tuning = {});
 
     std::vector<std::string> availableProviders() override;
     void beginAttempt() override;
@@ -27,9 +28,12 @@ public:
     std::unique_ptr<Ort::Session> takeSession();
 
 private:
+    Ort::SessionOptions tunedOptions() const;
+
     const Ort::Env& env_;
     const void* model_;
     std::size_t modelSize_;
+    SessionTuning tuning_;
     Ort::SessionOptions options_{nullptr};
     std::unique_ptr<Ort::Session> session_;
 };

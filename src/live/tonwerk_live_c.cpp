@@ -15,6 +15,8 @@ namespace {
 using tonwerk::capi::fail;
 using tonwerk::capi::guarded;
 
+constexpr std::uint32_t kMostThreads = 64;
+
 // Logging is set up before the model loads, so that its problems are
 // printed, and goes after everything that may still log.
 struct Model {
@@ -42,13 +44,30 @@ tw_live_settings checkedSettings(const tw_live_settings* given) {
         throw std::invalid_argument(problem);
     }
     tonwerk::checkLiveSettings({settings.update, settings.lookahead});
+    if (settings.threads < 1 || settings.threads > kMostThreads) {
+        throw std::invalid_argument("live: threads must be between 1 and " + std::to_string(kMostThreads) +
+                                    ", got " + std::to_string(settings.threads));
+    }
     return settings;
+}
+
+// A live instance shares the machine with the host's audio threads and
+// with other instances: it takes the threads it was given, sleeps between
+// runs, and tries a GPU only when asked, so that a machine without one
+// logs no failed attempt.
+tonwerk::SessionTuning tuningOf(const tw_live_settings& settings) {
+    tonwerk::SessionTuning tuning;
+    tuning.intraOpThreads = static_cast<int>(settings.threads);
+    tuning.spinning = false;
+    tuning.tryAccelerators = settings.gpu != 0;
+    return tuning;
 }
 
 Model loadModel(const void* bytes, std::size_t size, const tw_live_settings& settings) {
     Model model;
     model.logging = tonwerk::log::LogSetup::trySetUp();
-    auto backend = tonwerk::makeInferenceBackend(bytes, size, {}, tonwerk::layout::stemOutputNames(), "");
+    auto backend =
+        tonwerk::makeInferenceBackend(bytes, size, {}, tonwerk::layout::stemOutputNames(), "", tuningOf(settings));
     tonwerk::setSelectedStems(backend, stemFlags(settings.stem_mask));
     model.engine = std::make_unique<tonwerk::LiveEngine>(std::move(backend),
                                                          tonwerk::LiveSettings{settings.update, settings.lookahead});
@@ -86,7 +105,7 @@ struct tw_live_adapter {
 extern "C" {
 
 void tw_live_default_settings(tw_live_settings* settings) {
-    if (settings != nullptr) *settings = tw_live_settings{TW_STEMS_ALL, 4, 4, 512, 0};
+    if (settings != nullptr) *settings = tw_live_settings{TW_STEMS_ALL, 4, 4, 512, 0, 1, 0};
 }
 
 const char* tw_live_last_error(void) {

@@ -12,6 +12,8 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
+#include <filesystem>
+#include <iterator>
 #include <random>
 #include <string>
 #include <thread>
@@ -122,6 +124,13 @@ TEST(LiveEngine, StemsLeftOutStayInTheResidual) {
     }
 }
 
+tw_live_settings withThreads(std::uint32_t threads, int gpu = 0) {
+    tw_live_settings settings = live::defaultSettings();
+    settings.threads = threads;
+    settings.gpu = gpu;
+    return settings;
+}
+
 struct RefusedCase {
     tw_live_settings settings;
     const char* message;
@@ -136,6 +145,8 @@ TEST(LiveSettings, OutOfRangeSettingsAreRefusedBeforeTheModelLoads) {
         {settingsOf(4, 253), "live: lookahead 253 and update 4 together exceed the model's 256 frames"},
         {settingsOf(4, 4, 0), "live: the maximum block must be at least one frame"},
         {noMask, "stem_mask 64 has bits outside TW_STEMS_ALL (63)"},
+        {withThreads(0), "live: threads must be between 1 and 64, got 0"},
+        {withThreads(65), "live: threads must be between 1 and 64, got 65"},
     };
     const auto bytes = readModel("identity.onnx");
     for (const RefusedCase& c : cases) {
@@ -145,6 +156,36 @@ TEST(LiveSettings, OutOfRangeSettingsAreRefusedBeforeTheModelLoads) {
         EXPECT_EQ(adapter, nullptr);
         EXPECT_EQ(tw_live_last_error(), std::string("tw_live_adapter_create: ") + c.message);
     }
+}
+
+#if defined(__linux__)
+std::size_t threadsOfThisProcess() {
+    return static_cast<std::size_t>(std::distance(std::filesystem::directory_iterator("/proc/self/task"),
+                                                  std::filesystem::directory_iterator()));
+}
+
+// A live instance must leave the cores to its host: a run on `threads`
+// threads keeps threads - 1 helpers, and one thread keeps none.
+TEST(LiveSettings, AnEngineKeepsOneHelperThreadFewerThanItsThreads) {
+    const auto bytes = readModel("identity.onnx");
+    const live::Engine warm(bytes);  // the process's first load starts threads of its own
+    for (const std::uint32_t threads : {1U, 3U, 2U}) {
+        const std::size_t before = threadsOfThisProcess();
+        const live::Engine engine(bytes, withThreads(threads));
+        EXPECT_EQ(threadsOfThisProcess() - before, threads - 1) << threads << " threads";
+    }
+}
+#endif
+
+// On a machine without a GPU every attempt at one fails loudly into the
+// host's log; the live default makes none.
+TEST(LiveSettings, TheDefaultTriesNoGpuProvider) {
+    const auto bytes = readModel("identity.onnx");
+    testing::internal::CaptureStdout();
+    testing::internal::CaptureStderr();
+    { const live::Engine engine(bytes, withThreads(1)); }
+    const std::string printed = testing::internal::GetCapturedStdout() + testing::internal::GetCapturedStderr();
+    EXPECT_EQ(printed, "");
 }
 
 // Random block sizes up to the maximum, each call's output exactly as long;

@@ -37,6 +37,7 @@ HostFeatures readHostFeatures(const LV2_Feature* const* features) {
     host.log = feature<LV2_Log_Log>(features, LV2_LOG__log);
     host.mapPath = feature<LV2_State_Map_Path>(features, LV2_STATE__mapPath);
     host.freePath = feature<LV2_State_Free_Path>(features, LV2_STATE__freePath);
+    host.schedule = feature<LV2_Worker_Schedule>(features, LV2_WORKER__schedule);
     const std::uint32_t maxBlock =
         maxBlockOption(feature<const LV2_Options_Option>(features, LV2_OPTIONS__options), host.map);
     if (maxBlock > 0) host.maxBlock = maxBlock;

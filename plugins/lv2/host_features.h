@@ -7,6 +7,7 @@
 #include <lv2/log/log.h>
 #include <lv2/state/state.h>
 #include <lv2/urid/urid.h>
+#include <lv2/worker/worker.h>
 
 #include <cstdint>
 
@@ -23,6 +24,7 @@ struct HostFeatures {
     LV2_Log_Log* log = nullptr;
     LV2_State_Map_Path* mapPath = nullptr;
     LV2_State_Free_Path* freePath = nullptr;
+    LV2_Worker_Schedule* schedule = nullptr;
     // The most frames the adapter takes per call: the host's
     // bufsz:maxBlockLength when it gives one.
     std::uint32_t maxBlock = kDefaultMaxBlock;

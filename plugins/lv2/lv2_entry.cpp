@@ -3,6 +3,7 @@
 #include "host_features.h"
 #include "model_file.h"
 #include "model_state.h"
+#include "model_worker.h"
 #include "plugin_log.h"
 #include "stems_plugin.h"
 
@@ -47,7 +48,9 @@ void cleanup(LV2_Handle instance) {
 }
 
 const void* extensionData(const char* uri) {
-    return std::strcmp(uri, LV2_STATE__interface) == 0 ? tonwerk::lv2::stateInterface() : nullptr;
+    if (std::strcmp(uri, LV2_STATE__interface) == 0) return tonwerk::lv2::stateInterface();
+    if (std::strcmp(uri, LV2_WORKER__interface) == 0) return tonwerk::lv2::workerInterface();
+    return nullptr;
 }
 
 const LV2_Descriptor kDescriptor = {TONWERK_LV2_URI, instantiate, connectPort, activate,

@@ -28,11 +28,15 @@ enum Port : std::uint32_t {
     kLatency,
     kUnderruns,
     kFreeWheel,  // optional: hosts that know it say when they run faster than real time
+    kThreads,    // threads per model run
     kPortCount
 };
 
 // What the gain controls allow; the ttl declares the same range.
 constexpr float kMinGain = 0.0F;
 constexpr float kMaxGain = 2.0F;
+// The thread control's range; the ttl declares the same.
+constexpr std::uint32_t kMinThreads = 1;
+constexpr std::uint32_t kMaxThreads = 8;
 
 }  // namespace tonwerk::lv2

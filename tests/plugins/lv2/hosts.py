@@ -43,7 +43,8 @@ def render(env, work):
     failures = []
     for controls, factor in RENDERS:
         command = ["lv2apply", "-i", os.path.join(work, "in.wav"), "-o", os.path.join(work, "out.wav")]
-        command += [word for control in dict(controls, offline=1).items() for word in ("-c", *map(str, control))]
+        # Free-wheeling, as a file render is: the plugin waits for the model.
+        command += [word for control in dict(controls, freewheel=1).items() for word in ("-c", *map(str, control))]
         subprocess.run(command + [URI], env=env, check=True, timeout=600, stdout=subprocess.DEVNULL)
         error = np.abs(soundfile.read(os.path.join(work, "out.wav"))[0] - factor * delayed)
         if not (error <= tolerance).all():

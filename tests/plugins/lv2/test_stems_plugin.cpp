@@ -1,7 +1,8 @@
 // The plugin as a full host drives it, loaded from its test bundle (the
-// identity model): a URID map and a block-length option, state naming
-// another model, host blocks longer than that length, real time, offline
-// and free-wheeling. hosts.py covers hosts that offer less.
+// identity model): a URID map, a block-length option and a worker, state
+// naming another model, host blocks longer than that length, real time,
+// free-wheeling with and without waiting, and thread counts changed through
+// the worker or at activation. hosts.py covers hosts that offer less.
 #include "live/live_signal.h"
 #include "ports.h"
 #include "test_models.h"
@@ -13,7 +14,11 @@
 #include <lv2/buf-size/buf-size.h>
 #include <lv2/options/options.h>
 #include <lv2/state/state.h>
+#include <lv2/worker/worker.h>
 
+#include <deque>
+#include <filesystem>
+#include <iterator>
 #include <map>
 #include <stdexcept>
 #include <string>
@@ -37,17 +42,44 @@ const void* retrieve(void* state, uint32_t key, size_t* size, uint32_t* type, ui
     return found->second.second.c_str();
 }
 
+using Jobs = std::deque<std::string>;
+
+LV2_Worker_Status queueJob(Jobs* jobs, uint32_t size, const void* data) {
+    jobs->emplace_back(static_cast<const char*>(data), size);
+    return LV2_WORKER_SUCCESS;
+}
+
 struct Host {
-    Host() {
+    explicit Host(bool offersWorker = true) {
         library = dlopen(TONWERK_LV2_TEST_BUNDLE "tonwerk_stems.so", RTLD_NOW | RTLD_LOCAL);
         if (library == nullptr) throw std::runtime_error(dlerror());
         plugin = reinterpret_cast<LV2_Descriptor_Function>(dlsym(library, "lv2_descriptor"))(0);
         options[0] = {LV2_OPTIONS_INSTANCE, 0, urid(LV2_BUF_SIZE__maxBlockLength), 4, urid(LV2_ATOM__Int), &kMaxBlock};
         const LV2_Feature mapFeature{LV2_URID__map, &map}, optionsFeature{LV2_OPTIONS__options, options};
-        const LV2_Feature* features[] = {&mapFeature, &optionsFeature, nullptr};
+        const LV2_Feature workerFeature{LV2_WORKER__schedule, &schedule};
+        const LV2_Feature* features[] = {&mapFeature, &optionsFeature, offersWorker ? &workerFeature : nullptr, nullptr};
         instance = plugin->instantiate(plugin, 44100.0, TONWERK_LV2_TEST_BUNDLE, features);
+        controls[lv2::kThreads] = 1;
         for (uint32_t p = lv2::kFirstGain; p < lv2::kPortCount; ++p) plugin->connect_port(instance, p, &controls[p]);
         stateInterface = static_cast<const LV2_State_Interface*>(plugin->extension_data(LV2_STATE__interface));
+        worker = static_cast<const LV2_Worker_Interface*>(plugin->extension_data(LV2_WORKER__interface));
+    }
+
+    // The worker thread's turn, then the answers' between runs, until no
+    // job is left (an answer may schedule another job).
+    void runJobs() {
+        while (!jobs.empty()) {
+            Jobs answers;
+            for (; !jobs.empty(); jobs.pop_front()) {
+                const auto respond = [](void* to, uint32_t size, const void* data) {
+                    return queueJob(static_cast<Jobs*>(to), size, data);
+                };
+                ASSERT_EQ(worker->work(instance, respond, &answers, jobs.front().size(), jobs.front().data()), 0);
+            }
+            for (const std::string& answer : answers) {
+                ASSERT_EQ(worker->work_response(instance, answer.size(), answer.data()), 0);
+            }
+        }
     }
     ~Host() {
         plugin->cleanup(instance);
@@ -70,6 +102,11 @@ struct Host {
         return output;
     }
 
+    Jobs jobs;
+    LV2_Worker_Schedule schedule{&jobs, [](void* to, uint32_t size, const void* data) {
+                                     return queueJob(static_cast<Jobs*>(to), size, data);
+                                 }};
+    const LV2_Worker_Interface* worker = nullptr;
     std::map<std::string, LV2_URID> uris;
     LV2_URID_Map map{this, [](void* self, const char* uri) { return static_cast<Host*>(self)->urid(uri); }};
     LV2_Options_Option options[2]{};
@@ -97,11 +134,14 @@ TEST(StemsPlugin, MixesTheStemsBackAfterTheReportedLatency) {
     // stream's start; with unit gains the residual gives back exactly what
     // the stems miss.
     const PluginCase cases[] = {
+        {"", {1, 1, 1, 1, 1, 1, 1}, 1, 1, 1.0F},
+        {"gains.onnx", {.1F, .2F, .3F, .4F, .5F, .6F, .7F}, 1, 1, -4.9F},
+        // Fed far faster than the model runs without waiting for it, in
+        // real time even with the offline control on, or free-wheeling
+        // with it off: what the model misses the residual brings, still
+        // the delayed input.
         {"", {1, 1, 1, 1, 1, 1, 1}, 1, 0, 1.0F},
-        {"gains.onnx", {.1F, .2F, .3F, .4F, .5F, .6F, .7F}, 0, 1, -4.9F},
-        // In real time fed far faster than the model runs: what it misses
-        // the residual brings, still the delayed input.
-        {"", {1, 1, 1, 1, 1, 1, 1}, 0, 0, 1.0F},
+        {"", {1, 1, 1, 1, 1, 1, 1}, 0, 1, 1.0F},
     };
     tw_live_settings settings = live::defaultSettings();
     settings.max_block = kMaxBlock;
@@ -123,12 +163,41 @@ TEST(StemsPlugin, MixesTheStemsBackAfterTheReportedLatency) {
         host.controls[lv2::kFreeWheel] = c.freeWheel;
         const std::vector<float> output = host.run(input, 3 * kMaxBlock);
         ASSERT_EQ(host.controls[lv2::kLatency], static_cast<float>(latency));
-        EXPECT_EQ(host.controls[lv2::kUnderruns] > 0.0F, c.offline + c.freeWheel == 0.0F);
+        EXPECT_EQ(host.controls[lv2::kUnderruns] > 0.0F, c.offline * c.freeWheel == 0.0F);
         for (long i = 0; i < static_cast<long>(output.size()); ++i) {
             const long from = i - 2 * latency;
             const float expected = from < 0 ? 0.0F : c.factor * input[static_cast<std::size_t>(from)];
             ASSERT_NEAR(output[static_cast<std::size_t>(i)], expected, from < 2 * 8192 ? 1e-4 : 1e-5) << i;
         }
+    }
+}
+
+std::size_t threadsOfThisProcess() {
+    return static_cast<std::size_t>(std::distance(std::filesystem::directory_iterator("/proc/self/task"),
+                                                  std::filesystem::directory_iterator()));
+}
+
+// A model run on n threads keeps n - 1 helpers beside the adapter's worker:
+// the process's thread count shows which adapter is in use, and that the
+// one it replaced was freed.
+TEST(StemsPlugin, TakesTheThreadControlThroughTheWorkerOrAtActivation) {
+    const std::vector<float> input = tones(4 * kMaxBlock, 2);
+    for (const bool offersWorker : {true, false}) {
+        SCOPED_TRACE(offersWorker ? "worker" : "no worker");
+        Host host(offersWorker);
+        host.run(input, kMaxBlock);
+        host.runJobs();
+        const std::size_t oneThread = threadsOfThisProcess();
+        host.controls[lv2::kThreads] = 3;
+        host.run(input, kMaxBlock);  // asks the worker, if there is one
+        host.runJobs();
+        if (!offersWorker) host.plugin->activate(host.instance);
+        EXPECT_EQ(threadsOfThisProcess(), oneThread + 2);
+        host.controls[lv2::kThreads] = 1;
+        host.run(input, kMaxBlock);
+        host.runJobs();
+        EXPECT_EQ(threadsOfThisProcess(), oneThread);
+        EXPECT_EQ(host.controls[lv2::kLatency], static_cast<float>(15872 - 512 + kMaxBlock));
     }
 }
 

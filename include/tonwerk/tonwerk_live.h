@@ -46,9 +46,11 @@
  * Outputs: eight buffers of interleaved stereo in the order of
  * tonwerk_c.h's TW_OUTPUT_*: six stems, residual (the delayed input minus
  * the stems), mix (the stems summed). Frames whose model output was not
- * ready in time (an underrun) hold the delayed input in the residual and
- * silence elsewhere, so the residual plus the stems is always the delayed
- * input.
+ * ready in time (an underrun) hold the delayed input instead, shared out
+ * over the stems and the residual as the model's last block shared it, so
+ * the residual plus the stems is always the delayed input and a stem a
+ * host turns down stays about as quiet as it was. Each switch between the
+ * model's output and the input is a linear crossfade of 128 frames.
  *
  * Threading: the library starts one thread per adapter, none for engines,
  * and each model run uses `threads` threads: with more than one, ONNX
@@ -63,6 +65,12 @@
  *
  * Ownership: handles are owned by the caller until destroyed. Model bytes
  * are read only during creation. Each handle loads its own copy of the model.
+ *
+ * Tests of hosts can place underruns on any machine, read when an adapter
+ * is created: TONWERK_LIVE_TEST_HOLD="3,7-9" holds input blocks 3, 7, 8 and
+ * 9 of each stream back until the adapter decides on them (missed in real
+ * time, waited for offline); TONWERK_LIVE_TEST_STALL makes them late even
+ * offline. Never set them in production.
  *
  * Errors: as in tonwerk_c.h, a tw_status, with the calling thread's message
  * in tw_live_last_error(); no exception or signal leaves the library.

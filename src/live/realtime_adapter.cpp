@@ -1,7 +1,6 @@
 #include "live/realtime_adapter.h"
 
 #include "common/logging.h"
-#include "pipeline/stream_layout.h"
 
 #include <algorithm>
 #include <chrono>
@@ -13,7 +12,6 @@ namespace tonwerk {
 namespace {
 
 using layout::kAudioChannels;
-constexpr std::size_t kOutputs = layout::kStemCount + 2;
 constexpr std::size_t kResidual = layout::kStemCount;
 
 // The worker polls: waking it would take a system call on the audio thread.
@@ -31,14 +29,30 @@ std::size_t checkedMaxBlock(std::size_t maxBlock) {
     return maxBlock;
 }
 
+// The audio thread's position goes to the worker as one word: the low 16
+// bits of the generation over 48 bits of frames (two centuries at 44.1 kHz).
+constexpr unsigned kFrameBits = 48;
+constexpr std::uint64_t kFrameMask = (std::uint64_t{1} << kFrameBits) - 1;
+constexpr std::uint64_t kGenerationMask = 0xFFFF;
+
+std::uint64_t mark(std::uint64_t generation, std::uint64_t frame) {
+    return ((generation & kGenerationMask) << kFrameBits) | (frame & kFrameMask);
+}
+
+constexpr float kSilence[kAudioChannels] = {0.0F, 0.0F};
+
 }  // namespace
 
 RealtimeAdapter::RealtimeAdapter(std::unique_ptr<LiveEngine> engine, AdapterSettings settings)
     : engine_(std::move(engine)),
-      settings_{checkedMaxBlock(settings.maxBlock), settings.offline},
+      settings_{checkedMaxBlock(settings.maxBlock), settings.offline, std::move(settings.stall),
+                std::move(settings.hold)},
+      offline_(settings.offline),
       input_(ringBlocks(queueFrames(), block()), kAudioChannels * block()),
-      output_(ringBlocks(queueFrames(), block()), kOutputs * kAudioChannels * block()),
-      dry_(kAudioChannels * (latencyFrames() + settings.maxBlock), 0.0F) {
+      output_(ringBlocks(queueFrames(), block()), kOutputs * kAudioChannels * block() + kShares),
+      dry_(kAudioChannels * (latencyFrames() + settings_.maxBlock), 0.0F),
+      tail_(kOutputs * kAudioChannels * kFadeFrames, 0.0F) {
+    shares_[kResidual] = 1.0F;
     worker_ = std::thread([this] { work(); });
 }
 
@@ -54,15 +68,23 @@ void RealtimeAdapter::process(const float* input, float* const* outputs, std::si
         at += emit(frame_ + at, outputs, at, frames - at);
     }
     frame_ += frames;
+    played_.store(mark(generation_, frame_), std::memory_order_release);
 }
 
 void RealtimeAdapter::reset() {
     ++generation_;
     latestGeneration_.store(generation_, std::memory_order_release);
+    played_.store(mark(generation_, 0), std::memory_order_release);
     frame_ = 0;
     inputBlock_ = 0;
     inputFill_ = 0;
     droppedBefore_ = 0;
+    // A block still held belongs to the old stream; blockFor() drops it.
+    playing_ = UINT64_MAX;
+    wetBefore_ = wet_ = wetNext_ = nextDecided_ = false;
+    held_ = nullptr;
+    shares_.fill(0.0F);
+    shares_[kResidual] = 1.0F;
 }
 
 void RealtimeAdapter::remember(const float* input, std::size_t frames) {
@@ -78,7 +100,7 @@ void RealtimeAdapter::pushInput(const float* input, std::size_t frames) {
     for (std::size_t at = 0; at < frames;) {
         if (inputFill_ == 0) {
             filling_ = input_.writable();
-            while (filling_ == nullptr && settings_.offline) {
+            while (filling_ == nullptr && offline_.load(std::memory_order_relaxed)) {
                 pause();
                 filling_ = input_.writable();
             }
@@ -109,37 +131,71 @@ std::size_t RealtimeAdapter::emit(std::uint64_t t, float* const* outputs, std::s
     if (t < queue) {
         // Before the model's first block: the input from before the stream.
         const std::size_t n = static_cast<std::size_t>(std::min<std::uint64_t>(count, queue - t));
-        emitDry(t, outputs, at, n);
+        blend(t, {}, 0, outputs, at, n);
         return n;
     }
-    const std::uint64_t wanted = t - queue;
-    const std::uint64_t index = wanted / block();
-    const std::size_t offset = static_cast<std::size_t>(wanted % block());
-    const std::size_t n = std::min(count, block() - offset);
-    BlockHeader* ready = blockFor(index);
-    // Offline, wait for the block unless it was dropped before (in real
-    // time): then it never comes.
-    while (settings_.offline && ready == nullptr && index >= droppedBefore_) {
-        pause();
-        ready = blockFor(index);
-    }
-    if (ready != nullptr && ready->index == index && ready->ok) {
-        const float* rows = output_.data(ready);
-        for (std::size_t s = 0; s < kOutputs; ++s) {
-            const float* from = rows + kAudioChannels * (s * block() + offset);
-            std::copy(from, from + kAudioChannels * n, outputs[s] + kAudioChannels * at);
-        }
-    } else {
-        emitDry(t, outputs, at, n);
+    const std::uint64_t index = (t - queue) / block();
+    const std::size_t offset = static_cast<std::size_t>((t - queue) % block());
+    if (index != playing_) enterBlock(index);
+    const std::size_t tailStart = block() - kFadeFrames;
+    if (offset >= tailStart && !nextDecided_) decideNext();
+    // One piece per stretch of one kind: fade-in, body, tail.
+    const std::size_t end = offset < kFadeFrames ? kFadeFrames : offset < tailStart ? tailStart : block();
+    const std::size_t n = std::min(count, end - offset);
+    if (!wet_) {
+        blend(t, {}, offset, outputs, at, n);
         // Only frames that would have carried the stream count as lost.
         const std::uint64_t latency = latencyFrames();
         const std::uint64_t lost = t + n <= latency ? 0 : t + n - std::max<std::uint64_t>(t, latency);
         underruns_.fetch_add(lost, std::memory_order_relaxed);
-    }
-    if (ready != nullptr && ready->index == index && offset + n == block()) {
-        output_.release();
+    } else if (offset >= tailStart) {
+        blend(t, {tail_.data(), kFadeFrames, offset - tailStart}, offset, outputs, at, n);
+    } else {
+        blend(t, {output_.data(held_), block(), offset}, offset, outputs, at, n);
     }
     return n;
+}
+
+void RealtimeAdapter::enterBlock(std::uint64_t index) {
+    const bool followsDecision = nextDecided_ && index == playing_ + 1;
+    wetBefore_ = followsDecision && wet_;
+    wet_ = followsDecision ? wetNext_ : takeBlock(index);
+    playing_ = index;
+    nextDecided_ = false;
+    if (wet_) {
+        const float* shares = output_.data(held_) + kOutputs * kAudioChannels * block();
+        std::copy(shares, shares + kShares, shares_.begin());
+    }
+}
+
+bool RealtimeAdapter::takeBlock(std::uint64_t index) {
+    BlockHeader* ready = blockFor(index);
+    // Offline, wait for the block unless it was dropped before (in real
+    // time), or a test holds it back: then it never comes in time.
+    const bool stalled = settings_.stall && settings_.stall(index);
+    if (offline_.load(std::memory_order_relaxed) && !stalled && ready == nullptr && index >= droppedBefore_) {
+        awaited_.store(mark(generation_, index + 1), std::memory_order_release);
+        while (ready == nullptr) {
+            pause();
+            ready = blockFor(index);
+        }
+        awaited_.store(0, std::memory_order_release);
+    }
+    held_ = ready != nullptr && ready->index == index && ready->ok ? ready : nullptr;
+    return held_ != nullptr;
+}
+
+void RealtimeAdapter::decideNext() {
+    if (wet_) {
+        const float* rows = output_.data(held_);
+        const std::size_t from = block() - kFadeFrames;
+        for (std::size_t s = 0; s < kOutputs; ++s) {
+            const float* source = rows + kAudioChannels * (s * block() + from);
+            std::copy(source, source + kAudioChannels * kFadeFrames, tail_.data() + kAudioChannels * s * kFadeFrames);
+        }
+    }
+    wetNext_ = takeBlock(playing_ + 1);
+    nextDecided_ = true;
 }
 
 BlockHeader* RealtimeAdapter::blockFor(std::uint64_t index) {
@@ -151,23 +207,44 @@ BlockHeader* RealtimeAdapter::blockFor(std::uint64_t index) {
     return ready;
 }
 
-void RealtimeAdapter::emitDry(std::uint64_t t, float* const* outputs, std::size_t at, std::size_t count) {
-    const std::size_t capacity = dry_.size() / kAudioChannels;
-    const std::uint64_t latency = latencyFrames();
-    for (std::size_t s = 0; s < kOutputs; ++s) {
-        std::fill(outputs[s] + kAudioChannels * at, outputs[s] + kAudioChannels * (at + count), 0.0F);
-    }
-    float* residual = outputs[kResidual] + kAudioChannels * at;
+float RealtimeAdapter::wetness(std::size_t offset) const {
+    constexpr float kSteps = static_cast<float>(kFadeFrames + 1);
+    if (offset < kFadeFrames && !wetBefore_) return static_cast<float>(offset + 1) / kSteps;
+    if (offset >= block() - kFadeFrames && !wetNext_) return static_cast<float>(block() - offset) / kSteps;
+    return 1.0F;
+}
+
+// Frames [offset, offset + count) of the playing block: the model's rows
+// (none where it has none) crossfaded with the delayed input shared out as
+// shares_ says, into frames [at, at + count) of every output. The weights
+// sum to one, so the outputs always sum to the delayed input.
+void RealtimeAdapter::blend(std::uint64_t t, ModelRows model, std::size_t offset, float* const* outputs,
+                            std::size_t at, std::size_t count) {
+    std::array<float, kOutputs> spread{};
+    std::copy(shares_.begin(), shares_.end(), spread.begin());
+    spread[kOutputs - 1] = 1.0F - shares_[kResidual];  // the mix: the stems' sum
     for (std::size_t i = 0; i < count; ++i) {
-        if (t + i < latency) continue;
-        const std::size_t slot = static_cast<std::size_t>((t + i - latency) % capacity);
-        residual[kAudioChannels * i] = dry_[kAudioChannels * slot];
-        residual[kAudioChannels * i + 1] = dry_[kAudioChannels * slot + 1];
+        const float* dry = dryFrame(t + i);
+        const float wet = model.rows == nullptr ? 0.0F : wetness(offset + i);
+        for (std::size_t s = 0; s < kOutputs; ++s) {
+            const float* row = model.rows + kAudioChannels * (s * model.frames + model.first + i);
+            float* out = outputs[s] + kAudioChannels * (at + i);
+            for (std::size_t c = 0; c < kAudioChannels; ++c) {
+                const float fromModel = model.rows == nullptr ? 0.0F : row[c];
+                out[c] = wet * fromModel + (1.0F - wet) * spread[s] * dry[c];
+            }
+        }
     }
 }
 
+const float* RealtimeAdapter::dryFrame(std::uint64_t t) const {
+    const std::uint64_t latency = latencyFrames();
+    if (t < latency) return kSilence;
+    const std::size_t capacity = dry_.size() / kAudioChannels;
+    return dry_.data() + kAudioChannels * static_cast<std::size_t>((t - latency) % capacity);
+}
+
 void RealtimeAdapter::work() {
-    bool used = false;
     std::uint64_t generation = 0;
     std::uint64_t next = 0;
     std::size_t warmup = 0;
@@ -177,25 +254,52 @@ void RealtimeAdapter::work() {
             input_.release();  // from before a reset: nobody will play it
             continue;
         }
+        if (in != nullptr && skip(*in)) {
+            input_.release();  // played dry already: running it would only make the next block late too
+            continue;
+        }
         BlockHeader* out = in != nullptr ? output_.writable() : nullptr;
         if (out == nullptr) {
             pause();
             continue;
         }
-        if (used && (in->generation != generation || in->index != next)) {
+        if (in->generation != generation || in->index != next) {
             engine_->reset();
-            // After a dropped block the engine starts from silence: until
+            // After a missing block the engine starts from silence: until
             // its output is a frame past that step, the audio thread plays
             // the input instead.
             warmup = in->index == 0 ? 0 : (engine_->latencyFrames() + layout::kFftSize) / block() + 1;
         }
-        used = true;
         generation = in->generation;
         next = in->index + 1;
         runEngine(*in, *out, warmup);
         output_.publish();
         input_.release();
     }
+}
+
+// Whether the audio thread has already decided to play block `in` dry.
+bool RealtimeAdapter::late(const BlockHeader& in) const {
+    const std::uint64_t played = played_.load(std::memory_order_acquire);
+    if (played >> kFrameBits != (in.generation & kGenerationMask)) return false;
+    const std::uint64_t start = queueFrames() + in.index * block();
+    return (played & kFrameMask) > start - std::min<std::uint64_t>(start, kFadeFrames);
+}
+
+// Offline the audio thread waits for every block, except those a test
+// stalls. Before the first block it does not wait, which can look like
+// lateness and is not.
+bool RealtimeAdapter::skip(const BlockHeader& in) const {
+    const bool stalled = settings_.stall && settings_.stall(in.index);
+    const bool held = settings_.hold && settings_.hold(in.index);
+    const auto awaited = [&] {
+        return awaited_.load(std::memory_order_acquire) == mark(in.generation, in.index + 1);
+    };
+    while ((stalled || held) && !late(in) && !(held && awaited()) && !stopping_.load(std::memory_order_acquire) &&
+           in.generation == latestGeneration_.load(std::memory_order_acquire)) {
+        pause();
+    }
+    return (stalled || !offline_.load(std::memory_order_relaxed)) && late(in);
 }
 
 void RealtimeAdapter::runEngine(const BlockHeader& in, BlockHeader& out, std::size_t& warmup) {
@@ -210,6 +314,19 @@ void RealtimeAdapter::runEngine(const BlockHeader& in, BlockHeader& out, std::si
         ok = false;
     }
     warmup -= warmup > 0 ? 1 : 0;
+    // Each output's share of the block's energy, for the audio thread to
+    // share the input out like this block if the next one is missing.
+    float* shares = rows + kOutputs * kAudioChannels * block();
+    float total = 0.0F;
+    for (std::size_t s = 0; s < kShares; ++s) {
+        double energy = 0.0;
+        for (std::size_t i = 0; i < kAudioChannels * block(); ++i) energy += double{outputs[s][i]} * outputs[s][i];
+        shares[s] = static_cast<float>(energy);
+        total += shares[s];
+    }
+    for (std::size_t s = 0; s < kShares; ++s) {
+        shares[s] = total > 0.0F ? shares[s] / total : (s == kResidual ? 1.0F : 0.0F);
+    }
     out = BlockHeader{in.generation, in.index, ok};
 }
 

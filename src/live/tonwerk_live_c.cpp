@@ -6,9 +6,15 @@
 #include "pipeline/stream_layout.h"
 #include "tonwerk/tonwerk_live.h"
 
+#include <algorithm>
 #include <cstdint>
+#include <cstdlib>
+#include <functional>
 #include <memory>
+#include <sstream>
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace {
 
@@ -84,6 +90,27 @@ tw_status checkBuffers(const char* function, const float* input, float* const* o
         }
     }
     return TW_OK;
+}
+
+// Tests of hosts (the plugin in lv2apply or jalv) hold chosen model blocks
+// back on any machine: "3,7-9" names input blocks 3, 7, 8 and 9 of each
+// stream. TONWERK_LIVE_TEST_STALL makes them late even offline;
+// TONWERK_LIVE_TEST_HOLD holds them until the adapter decides on them, so
+// they are missed exactly when it does not wait.
+std::function<bool(std::uint64_t)> blocksFromEnvironment(const char* variable) {
+    const char* text = std::getenv(variable);
+    if (text == nullptr || *text == '\0') return {};
+    std::vector<std::pair<std::uint64_t, std::uint64_t>> ranges;
+    std::istringstream list(text);
+    for (std::string item; std::getline(list, item, ',');) {
+        const std::size_t dash = item.find('-');
+        const std::uint64_t first = std::stoull(item.substr(0, dash));
+        ranges.emplace_back(first, dash == std::string::npos ? first : std::stoull(item.substr(dash + 1)));
+    }
+    return [ranges](std::uint64_t block) {
+        return std::any_of(ranges.begin(), ranges.end(),
+                           [block](const auto& range) { return block >= range.first && block <= range.second; });
+    };
 }
 
 tw_live_latency latencyOf(std::size_t lookahead, std::size_t total) {
@@ -177,7 +204,10 @@ tw_status tw_live_adapter_create(const void* bytes, size_t size, const tw_live_s
         auto live = std::make_unique<tw_live_adapter>();
         live->logging = std::move(model.logging);
         live->adapter = std::make_unique<tonwerk::RealtimeAdapter>(
-            std::move(model.engine), tonwerk::AdapterSettings{checked.max_block, checked.offline != 0});
+            std::move(model.engine),
+            tonwerk::AdapterSettings{checked.max_block, checked.offline != 0,
+                                     blocksFromEnvironment("TONWERK_LIVE_TEST_STALL"),
+                                     blocksFromEnvironment("TONWERK_LIVE_TEST_HOLD")});
         *adapter = live.release();
         return TW_OK;
     });

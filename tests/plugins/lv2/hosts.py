@@ -3,9 +3,10 @@
 # lv2apply (no host features, one frame per run) renders tones offline
 # through BUNDLE (the identity model): the output must be the input, delayed
 # by the adapter's latency, times what the controls leave of it.
-#   hosts.py realtime BUNDLE SECONDS [--count-underruns]
+#   hosts.py realtime BUNDLE SECONDS
 # jalv runs BUNDLE on JACK's dummy driver for SECONDS: the plugin must report
-# the adapter's latency and, unless only counting them, no underrun.
+# the adapter's latency and an underrun count. How many underruns a busy
+# machine causes is the live benchmark's business, never a reason to fail.
 import os
 import re
 import subprocess
@@ -52,7 +53,7 @@ def render(env, work):
     return failures
 
 
-def realtime(env, work, seconds, count_underruns):
+def realtime(env, work, seconds):
     env.update(JACK_DEFAULT_SERVER="tonwerk-lv2-%d" % os.getpid(), JACK_NO_START_SERVER="1")
     block, log = 256, open(os.path.join(work, "jalv.log"), "w")
     with private_server(env, log, block, realtime=True) as start:
@@ -67,15 +68,14 @@ def realtime(env, work, seconds, count_underruns):
     reported, underruns = float(printed.get("latency", "nan")), float(printed.get("underruns", "nan"))
     print("jalv, %g s: latency %g, underruns %g" % (seconds, reported, underruns))
     # jalv states its JACK period as the longest block.
-    return [] if reported == latency(block) and (underruns == 0 or count_underruns) else [text[-3000:]]
+    return [] if reported == latency(block) and underruns >= 0 else [text[-3000:]]
 
 
 def main():
     bundle = os.path.abspath(sys.argv[2])
     with tempfile.TemporaryDirectory() as work:
         env = dict(os.environ, LV2_PATH=os.path.dirname(bundle))  # lilv needs it absolute
-        failures = render(env, work) if sys.argv[1] == "render" else realtime(
-            env, work, float(sys.argv[3]), "--count-underruns" in sys.argv)
+        failures = render(env, work) if sys.argv[1] == "render" else realtime(env, work, float(sys.argv[3]))
     for failure in failures:
         print("FAIL:", failure)
     sys.exit(1 if failures else 0)

@@ -16,4 +16,6 @@ cmake -S . -B build-windows -DCMAKE_TOOLCHAIN_FILE=cmake/mingw-w64-x86_64.cmake 
 cmake --build build-windows -j "$jobs"
 
 echo "== build-windows: tests under Wine"
+# The tests share one Wine server, which goes when they are done.
+trap 'build-windows/wine-run --stop-server' EXIT
 ctest --test-dir build-windows --output-on-failure -j "$jobs"

@@ -9,11 +9,12 @@
 namespace tonwerk::lv2 {
 namespace {
 
-// bufsz:maxBlockLength from the options, 0 if absent or unusable. Option
-// keys and types are URIDs, so without a map nothing can be read.
-std::uint32_t maxBlockOption(const LV2_Options_Option* options, LV2_URID_Map* map) {
+// A block length from the options (`key`, a bufsz URI), 0 if absent or
+// unusable. Option keys and types are URIDs, so without a map nothing can
+// be read.
+std::uint32_t blockOption(const LV2_Options_Option* options, LV2_URID_Map* map, const char* uri) {
     if (options == nullptr || map == nullptr) return 0;
-    const LV2_URID key = map->map(map->handle, LV2_BUF_SIZE__maxBlockLength);
+    const LV2_URID key = map->map(map->handle, uri);
     const LV2_URID atomInt = map->map(map->handle, LV2_ATOM__Int);
     const LV2_URID atomLong = map->map(map->handle, LV2_ATOM__Long);
     for (const LV2_Options_Option* o = options; o->key != 0 || o->value != nullptr; ++o) {
@@ -38,9 +39,13 @@ HostFeatures readHostFeatures(const LV2_Feature* const* features) {
     host.mapPath = feature<LV2_State_Map_Path>(features, LV2_STATE__mapPath);
     host.freePath = feature<LV2_State_Free_Path>(features, LV2_STATE__freePath);
     host.schedule = feature<LV2_Worker_Schedule>(features, LV2_WORKER__schedule);
-    const std::uint32_t maxBlock =
-        maxBlockOption(feature<const LV2_Options_Option>(features, LV2_OPTIONS__options), host.map);
-    if (maxBlock > 0) host.maxBlock = maxBlock;
+    // The usual period sets the latency; a longer block now and then (a
+    // host's maximum is often far above its period) is cut up, and a
+    // longer period in real time gets a slot of its own (see run()).
+    const auto* options = feature<const LV2_Options_Option>(features, LV2_OPTIONS__options);
+    const std::uint32_t nominal = blockOption(options, host.map, LV2_BUF_SIZE__nominalBlockLength);
+    const std::uint32_t maximum = blockOption(options, host.map, LV2_BUF_SIZE__maxBlockLength);
+    if (nominal > 0 || maximum > 0) host.maxBlock = nominal > 0 ? nominal : maximum;
     return host;
 }
 

@@ -15,8 +15,8 @@ namespace tonwerk::lv2 {
 
 // The block limit when the host does not state one.
 constexpr std::uint32_t kDefaultMaxBlock = 512;
-// The adapter's latency grows with its block limit, so a host stating a
-// larger one (some do for offline bounces) gets its blocks cut to this.
+// The adapter's latency grows with its block limit, so longer host blocks
+// (some hosts bounce in such) are cut to this.
 constexpr std::uint32_t kLargestMaxBlock = 8192;
 
 struct HostFeatures {
@@ -25,8 +25,8 @@ struct HostFeatures {
     LV2_State_Map_Path* mapPath = nullptr;
     LV2_State_Free_Path* freePath = nullptr;
     LV2_Worker_Schedule* schedule = nullptr;
-    // The most frames the adapter takes per call: the host's
-    // bufsz:maxBlockLength when it gives one.
+    // The most frames the adapter takes per call at first: the host's
+    // bufsz:nominalBlockLength, else its bufsz:maxBlockLength.
     std::uint32_t maxBlock = kDefaultMaxBlock;
 };
 

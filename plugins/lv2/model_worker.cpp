@@ -12,8 +12,8 @@ namespace {
 struct Job {
     enum class Kind : std::uint32_t { build, discard };
     Kind kind;
-    std::uint32_t threads;
-    live::Adapter* adapter;  // owned by the receiver; null for a build request or a failed build
+    SlotShape shape;
+    LiveSlot* slot;  // owned by the receiver; null for a build request or a failed build
 };
 
 StemsPlugin& plugin(LV2_Handle instance) {
@@ -31,29 +31,28 @@ LV2_Worker_Status work(LV2_Handle instance, LV2_Worker_Respond_Function respond,
     Job job{};
     if (!readJob(size, data, job)) return LV2_WORKER_ERR_UNKNOWN;
     if (job.kind == Job::Kind::discard) {
-        delete job.adapter;
+        delete job.slot;
         return LV2_WORKER_SUCCESS;
     }
     try {
-        job.adapter = plugin(instance).buildAdapter(job.threads).release();
+        job.slot = plugin(instance).buildSlot(job.shape).release();
     } catch (const std::exception& e) {
-        plugin(instance).log().error(std::string(e.what()) + "; keeping the threads in use");
+        plugin(instance).log().error(std::string(e.what()) + "; keeping the model session in use");
     }
     const LV2_Worker_Status status = respond(handle, sizeof job, &job);
-    if (status != LV2_WORKER_SUCCESS) delete job.adapter;  // the answer cannot arrive
+    if (status != LV2_WORKER_SUCCESS) delete job.slot;  // the answer cannot arrive
     return status;
 }
 
 LV2_Worker_Status workResponse(LV2_Handle instance, std::uint32_t size, const void* data) {
     Job job{};
     if (!readJob(size, data, job)) return LV2_WORKER_ERR_UNKNOWN;
-    plugin(instance).finishReload(job.adapter, job.threads);
-    if (job.adapter == nullptr) return LV2_WORKER_SUCCESS;
-    // job.adapter now holds the adapter that was replaced.
+    LiveSlot* replaced = plugin(instance).finishReload(job.slot, job.shape);
+    if (replaced == nullptr) return LV2_WORKER_SUCCESS;
     const LV2_Worker_Schedule* schedule = plugin(instance).host().schedule;
-    const Job discard{Job::Kind::discard, 0, job.adapter};
+    const Job discard{Job::Kind::discard, {}, replaced};
     if (schedule->schedule_work(schedule->handle, sizeof discard, &discard) != LV2_WORKER_SUCCESS) {
-        delete job.adapter;  // the host's queue is full: late, but not lost
+        delete replaced;  // the host's queue is full: freed here, late, rather than lost
     }
     return LV2_WORKER_SUCCESS;
 }
@@ -62,8 +61,8 @@ const LV2_Worker_Interface kWorkerInterface = {work, workResponse, nullptr};
 
 }  // namespace
 
-bool scheduleBuild(const LV2_Worker_Schedule& schedule, std::uint32_t threads) {
-    const Job job{Job::Kind::build, threads, nullptr};
+bool scheduleBuild(const LV2_Worker_Schedule& schedule, SlotShape shape) {
+    const Job job{Job::Kind::build, shape, nullptr};
     return schedule.schedule_work(schedule.handle, sizeof job, &job) == LV2_WORKER_SUCCESS;
 }
 

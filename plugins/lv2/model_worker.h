@@ -1,18 +1,18 @@
 // Model loads off the audio thread through the host's worker: run() asks
-// for an adapter with another thread count, the worker builds it, and the
-// answer swaps it in between runs; the replaced adapter goes back to the
-// worker to be freed, since freeing stops a thread.
+// for a slot of another shape (thread count, block limit), the worker
+// builds it, and the answer swaps it in between runs; the replaced slot
+// goes back to the worker to be freed, since freeing stops a thread.
 #pragma once
+
+#include "live_slot.h"
 
 #include <lv2/worker/worker.h>
 
-#include <cstdint>
-
 namespace tonwerk::lv2 {
 
-// On the audio thread: asks for an adapter with `threads` threads. False
-// when the host refused the job.
-bool scheduleBuild(const LV2_Worker_Schedule& schedule, std::uint32_t threads);
+// On the audio thread: asks for a slot of `shape`. False when the host
+// refused the job.
+bool scheduleBuild(const LV2_Worker_Schedule& schedule, SlotShape shape);
 
 const LV2_Worker_Interface* workerInterface();
 

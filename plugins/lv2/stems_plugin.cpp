@@ -18,29 +18,16 @@ constexpr double kModelRate = 44100.0;
 }  // namespace
 
 StemsPlugin::StemsPlugin(std::string bundleModel, double sampleRate, const HostFeatures& host)
-    : bundleModel_(std::move(bundleModel)), host_(host), log_(host), adapter_(loadAdapter(bundleModel_, threads_)) {
-    for (int s = 0; s < TW_OUTPUT_COUNT; ++s) {
-        outputs_[s].assign(2 * std::size_t{host_.maxBlock}, 0.0F);
-        outputPointers_[s] = outputs_[s].data();
-    }
-    input_.assign(2 * std::size_t{host_.maxBlock}, 0.0F);
+    : bundleModel_(std::move(bundleModel)), host_(host), log_(host), slot_(buildSlot({kMinThreads, host.maxBlock})) {
     if (std::abs(sampleRate - kModelRate) > 0.5) {
         log_.warning("the model is made for 44100 Hz; at " + std::to_string(std::lround(sampleRate)) +
                      " Hz the stems are less clean");
     }
 }
 
-live::Adapter StemsPlugin::loadAdapter(const std::string& path, std::uint32_t threads) const {
-    tw_live_settings settings = live::defaultSettings();
-    settings.max_block = host_.maxBlock;
-    settings.offline = offline_ ? 1 : 0;
-    settings.threads = threads;
-    return live::Adapter(readModelFile(path), settings);
-}
-
 void StemsPlugin::useModel(const std::string& path) {
     const std::lock_guard<std::mutex> lock(modelMutex_);
-    adapter_ = loadAdapter(path.empty() ? bundleModel_ : path, threads_);
+    slot_ = std::make_unique<LiveSlot>(readModelFile(path.empty() ? bundleModel_ : path), slot_->shape, offline_);
     chosenModel_ = path;
 }
 
@@ -49,20 +36,22 @@ std::string StemsPlugin::chosenModel() const {
     return chosenModel_;
 }
 
-std::unique_ptr<live::Adapter> StemsPlugin::buildAdapter(std::uint32_t threads) const {
+std::unique_ptr<LiveSlot> StemsPlugin::buildSlot(SlotShape shape) const {
     const std::lock_guard<std::mutex> lock(modelMutex_);
-    return std::make_unique<live::Adapter>(loadAdapter(chosenModel_.empty() ? bundleModel_ : chosenModel_, threads));
+    const std::string& path = chosenModel_.empty() ? bundleModel_ : chosenModel_;
+    return std::make_unique<LiveSlot>(readModelFile(path), shape, false);
 }
 
-void StemsPlugin::finishReload(live::Adapter* fresh, std::uint32_t threads) {
+LiveSlot* StemsPlugin::finishReload(LiveSlot* fresh, SlotShape shape) {
     reloadPending_ = false;
     if (fresh == nullptr) {
-        failedThreads_ = threads;
-        return;
+        failed_ = shape;
+        return nullptr;
     }
-    std::swap(adapter_, *fresh);
-    threads_ = threads;
-    adapter_.setOffline(offline_);
+    LiveSlot* replaced = slot_.release();
+    slot_.reset(fresh);
+    slot_->adapter.setOffline(offline_);
+    return replaced;
 }
 
 void StemsPlugin::connect(std::uint32_t port, void* data) {
@@ -70,37 +59,50 @@ void StemsPlugin::connect(std::uint32_t port, void* data) {
 }
 
 void StemsPlugin::activate() {
-    const std::uint32_t threads = threadsControl();
-    if (host_.schedule == nullptr && threads != threads_) {
+    const SlotShape wanted = wantedShape();
+    if (host_.schedule == nullptr && wanted != slot_->shape) {
         try {
-            adapter_ = std::move(*buildAdapter(threads));
-            threads_ = threads;
+            slot_ = buildSlot(wanted);
+            slot_->adapter.setOffline(offline_);
         } catch (const std::exception& e) {
-            log_.error(std::string(e.what()) + "; keeping " + std::to_string(threads_) + " threads");
+            log_.error(std::string(e.what()) + "; keeping the model session in use");
         }
     }
-    adapter_.reset();
+    slot_->adapter.reset();
 }
 
-// The control as a count in range; without the port, the count in use.
-std::uint32_t StemsPlugin::threadsControl() const {
-    if (ports_[kThreads] == nullptr) return threads_;
-    const long wanted = std::lround(*ports_[kThreads]);
-    return static_cast<std::uint32_t>(std::clamp<long>(wanted, kMinThreads, kMaxThreads));
+// The thread control in range (without the port, the count in use), and a
+// block limit that takes the longest real-time block seen whole.
+SlotShape StemsPlugin::wantedShape() const {
+    SlotShape wanted = slot_->shape;
+    if (ports_[kThreads] != nullptr) {
+        const long threads = std::lround(*ports_[kThreads]);
+        wanted.threads = static_cast<std::uint32_t>(std::clamp<long>(threads, kMinThreads, kMaxThreads));
+    }
+    wanted.maxBlock = std::max(wanted.maxBlock, longestBlock_);
+    return wanted;
 }
 
 // A model load takes far too long for the audio thread: the host's worker
-// builds the new adapter and finishReload() swaps it in.
-void StemsPlugin::requestThreads(std::uint32_t threads) {
-    if (threads == threads_ || threads == failedThreads_ || reloadPending_ || host_.schedule == nullptr) return;
-    failedThreads_ = 0;  // the control moved on: the failed count may be tried again later
-    reloadPending_ = scheduleBuild(*host_.schedule, threads);
+// builds the new slot and finishReload() swaps it in.
+void StemsPlugin::requestShape() {
+    const SlotShape wanted = wantedShape();
+    if (wanted == slot_->shape || wanted == failed_ || reloadPending_ || host_.schedule == nullptr) return;
+    failed_ = SlotShape{0, 0};  // asked for something else now: a failed shape may be tried again later
+    reloadPending_ = scheduleBuild(*host_.schedule, wanted);
 }
 
 void StemsPlugin::run(std::uint32_t frames) {
     readControls();
+    // Cut into the slot's blocks, a long host period would reach the
+    // worker all at once, with too little time left for the model: in real
+    // time, the next slot takes it whole.
+    if (!offline_ && frames > slot_->shape.maxBlock) {
+        longestBlock_ = std::min(std::max(longestBlock_, frames), kLargestMaxBlock);
+    }
+    requestShape();
     for (std::uint32_t at = 0; at < frames;) {
-        const std::uint32_t piece = std::min(frames - at, host_.maxBlock);
+        const std::uint32_t piece = std::min(frames - at, slot_->shape.maxBlock);
         runPiece(at, piece);
         at += piece;
     }
@@ -116,9 +118,8 @@ void StemsPlugin::readControls() {
     const bool offline = freeWheeling && *ports_[kOffline] >= 0.5F;
     if (offline != offline_) {
         offline_ = offline;
-        adapter_.setOffline(offline);
+        slot_->adapter.setOffline(offline);
     }
-    requestThreads(threadsControl());
     Gains gains;
     for (std::size_t k = 0; k < kGainCount; ++k) gains[k] = *ports_[kFirstGain + k];
     mix_.setGains(gains);
@@ -127,22 +128,23 @@ void StemsPlugin::readControls() {
 void StemsPlugin::runPiece(std::uint32_t at, std::uint32_t frames) {
     const float* left = ports_[kInputLeft] + at;
     const float* right = ports_[kInputRight] + at;
+    std::vector<float>& input = slot_->input;
     for (std::uint32_t i = 0; i < frames; ++i) {
-        input_[2 * i] = left[i];
-        input_[2 * i + 1] = right[i];
+        input[2 * i] = left[i];
+        input[2 * i + 1] = right[i];
     }
     // The input is copied first, so hosts may hand the same buffer for
     // input and output. Pieces never exceed the adapter's block limit, the
     // one way process() fails with valid pointers.
-    adapter_.process(input_.data(), outputPointers_.data(), frames);
-    mix_.mix(outputPointers_.data(), frames, ports_[kOutputLeft] + at, ports_[kOutputRight] + at);
+    slot_->adapter.process(input.data(), slot_->pointers.data(), frames);
+    mix_.mix(slot_->pointers.data(), frames, ports_[kOutputLeft] + at, ports_[kOutputRight] + at);
 }
 
 void StemsPlugin::reportStatus() {
     tw_live_latency latency{};
     std::uint64_t underruns = 0;
-    tw_live_adapter_latency(adapter_.get(), &latency);
-    tw_live_adapter_underruns(adapter_.get(), &underruns);
+    tw_live_adapter_latency(slot_->adapter.get(), &latency);
+    tw_live_adapter_underruns(slot_->adapter.get(), &underruns);
     *ports_[kLatency] = static_cast<float>(latency.total);
     *ports_[kUnderruns] = static_cast<float>(underruns);
 }

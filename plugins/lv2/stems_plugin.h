@@ -3,17 +3,16 @@
 #pragma once
 
 #include "host_features.h"
+#include "live_slot.h"
 #include "plugin_log.h"
 #include "ports.h"
 #include "stem_mix.h"
-#include "tonwerk/tonwerk_live.hpp"
 
 #include <array>
 #include <cstdint>
 #include <memory>
 #include <mutex>
 #include <string>
-#include <vector>
 
 namespace tonwerk::lv2 {
 
@@ -23,8 +22,8 @@ public:
     StemsPlugin(std::string bundleModel, double sampleRate, const HostFeatures& host);
 
     void connect(std::uint32_t port, void* data);
-    // Off the audio thread: also applies a changed thread count when the
-    // host has no worker to do it during the run.
+    // Off the audio thread: also applies a changed thread count or block
+    // length when the host has no worker to do it during the run.
     void activate();
     // Real-time safe, except while the host free-wheels with the offline
     // control on: then it waits for the model, as a bounce must.
@@ -39,19 +38,18 @@ public:
     const HostFeatures& host() const { return host_; }
     PluginLog& log() { return log_; }
 
-    // The host's worker thread: the chosen model with `threads` threads
-    // per run. Throws when it does not load.
-    std::unique_ptr<live::Adapter> buildAdapter(std::uint32_t threads) const;
+    // The host's worker thread: a slot of `shape` on the chosen model.
+    // Throws when it does not load.
+    std::unique_ptr<LiveSlot> buildSlot(SlotShape shape) const;
     // Between runs on the audio thread: swaps `fresh` in (the stream starts
-    // anew) and leaves the adapter it replaces in `fresh`, to be freed off
-    // the audio thread. A null `fresh` is a failed build of `threads`,
-    // which is not asked for again until the control changes.
-    void finishReload(live::Adapter* fresh, std::uint32_t threads);
+    // anew) and returns the slot it replaced, to be freed off the audio
+    // thread. A null `fresh` is a failed build of `shape`, which is not
+    // asked for again until what it was asked for changes.
+    LiveSlot* finishReload(LiveSlot* fresh, SlotShape shape);
 
 private:
-    live::Adapter loadAdapter(const std::string& path, std::uint32_t threads) const;
-    std::uint32_t threadsControl() const;
-    void requestThreads(std::uint32_t threads);
+    SlotShape wantedShape() const;
+    void requestShape();
     void readControls();
     void runPiece(std::uint32_t at, std::uint32_t frames);
     void reportStatus();
@@ -63,16 +61,15 @@ private:
     HostFeatures host_;
     PluginLog log_;
     bool offline_ = false;
-    std::uint32_t threads_ = kMinThreads;
-    // A build asked of the worker and not answered yet, and the count whose
+    std::unique_ptr<LiveSlot> slot_;
+    // The longest block a real-time run brought: a host that stated none
+    // (or a shorter one) gets a slot that takes it whole.
+    std::uint32_t longestBlock_ = 0;
+    // A build asked of the worker and not answered yet, and the shape whose
     // build failed last.
     bool reloadPending_ = false;
-    std::uint32_t failedThreads_ = 0;
-    live::Adapter adapter_;
+    SlotShape failed_{0, 0};
     std::array<float*, kPortCount> ports_{};
-    std::vector<float> input_;
-    std::array<std::vector<float>, TW_OUTPUT_COUNT> outputs_;
-    std::array<float*, TW_OUTPUT_COUNT> outputPointers_{};
     StemMix mix_;
 };
 

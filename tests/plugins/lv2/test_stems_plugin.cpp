@@ -50,11 +50,16 @@ LV2_Worker_Status queueJob(Jobs* jobs, uint32_t size, const void* data) {
 }
 
 struct Host {
-    explicit Host(bool offersWorker = true) {
+    // Block lengths of 0 are left out of the options.
+    explicit Host(bool offersWorker = true, std::int32_t nominalBlock = 0, std::int32_t maxBlock = kMaxBlock)
+        : blocks{nominalBlock, maxBlock} {
         library = dlopen(TONWERK_LV2_TEST_BUNDLE "tonwerk_stems.so", RTLD_NOW | RTLD_LOCAL);
         if (library == nullptr) throw std::runtime_error(dlerror());
         plugin = reinterpret_cast<LV2_Descriptor_Function>(dlsym(library, "lv2_descriptor"))(0);
-        options[0] = {LV2_OPTIONS_INSTANCE, 0, urid(LV2_BUF_SIZE__maxBlockLength), 4, urid(LV2_ATOM__Int), &kMaxBlock};
+        const char* keys[] = {LV2_BUF_SIZE__nominalBlockLength, LV2_BUF_SIZE__maxBlockLength};
+        for (std::size_t k = 0, o = 0; k < 2; ++k) {
+            if (blocks[k] > 0) options[o++] = {LV2_OPTIONS_INSTANCE, 0, urid(keys[k]), 4, urid(LV2_ATOM__Int), &blocks[k]};
+        }
         const LV2_Feature mapFeature{LV2_URID__map, &map}, optionsFeature{LV2_OPTIONS__options, options};
         const LV2_Feature workerFeature{LV2_WORKER__schedule, &schedule};
         const LV2_Feature* features[] = {&mapFeature, &optionsFeature, offersWorker ? &workerFeature : nullptr, nullptr};
@@ -109,7 +114,8 @@ struct Host {
     const LV2_Worker_Interface* worker = nullptr;
     std::map<std::string, LV2_URID> uris;
     LV2_URID_Map map{this, [](void* self, const char* uri) { return static_cast<Host*>(self)->urid(uri); }};
-    LV2_Options_Option options[2]{};
+    std::int32_t blocks[2];
+    LV2_Options_Option options[3]{};
     void* library = nullptr;
     const LV2_Descriptor* plugin = nullptr;
     LV2_Handle instance = nullptr;
@@ -201,6 +207,47 @@ TEST(StemsPlugin, TakesTheThreadControlThroughTheWorkerOrAtActivation) {
         host.runJobs();
         EXPECT_EQ(threadsOfThisProcess(), oneThread);
         EXPECT_EQ(host.controls[lv2::kLatency], static_cast<float>(15872 - 512 + kMaxBlock));
+    }
+}
+
+struct ShapeCase {
+    bool worker;
+    std::int32_t nominal;  // the host's options, 0 for none
+    std::int32_t maximum;
+    std::size_t period;  // frames per run()
+    std::size_t block;  // the adapter's block limit that follows
+};
+
+// The latency holds the adapter's block limit: the host's usual period when
+// it states one, else its maximum, else 512; a longer period in real time
+// gets a slot that takes it whole (cut up, each run would reach the model
+// at once with too little time left), through the worker or at the next
+// activation. Free-wheeling then, the output is the input delayed by the
+// new latency.
+TEST(StemsPlugin, TakesWholeHostPeriodsAtTheLatencyTheyNeed) {
+    const ShapeCase cases[] = {
+        {true, 256, 8192, 256, 256},
+        {true, 0, 0, 300, 512},
+        {true, 0, 0, 4096, 4096},
+        {false, 0, 0, 4096, 4096},
+        {true, 0, 64, 1000, 1000},
+    };
+    for (const ShapeCase& c : cases) {
+        SCOPED_TRACE(testing::Message() << "period " << c.period << (c.worker ? "" : ", no worker"));
+        Host host(c.worker, c.nominal, c.maximum);
+        std::fill_n(host.controls.begin() + lv2::kFirstGain, lv2::kGainCount, 1.0F);
+        const long latency = static_cast<long>(15872 - 512 + c.block);
+        const std::vector<float> input = tones(static_cast<std::size_t>(latency) + 2 * 4096, 4);
+        host.run(input, c.period);
+        host.runJobs();
+        host.controls[lv2::kFreeWheel] = 1;
+        host.controls[lv2::kOffline] = 1;
+        const std::vector<float> output = host.run(input, c.period);
+        ASSERT_EQ(host.controls[lv2::kLatency], static_cast<float>(latency));
+        for (long i = 0; i < static_cast<long>(output.size()); ++i) {
+            const float expected = i < 2 * latency ? 0.0F : input[static_cast<std::size_t>(i - 2 * latency)];
+            ASSERT_NEAR(output[static_cast<std::size_t>(i)], expected, 1e-3) << i;
+        }
     }
 }
 

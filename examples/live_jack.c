@@ -145,6 +145,7 @@ int main(int argc, char** argv) {
     tw_live_settings settings;
     tw_live_default_settings(&settings);
     settings.max_block = host.max_block;
+    settings.sample_rate = jack_get_sample_rate(client); /* other rates than 44100 are converted */
     if (!model || tw_live_adapter_create(model, size, &settings, &host.live) != TW_OK) {
         fprintf(stderr, "tonwerk-live-jack: %s\n", model ? tw_live_last_error() : "cannot read the model");
         return 1;
@@ -168,8 +169,8 @@ int main(int argc, char** argv) {
         fprintf(stderr, "tonwerk-live-jack: cannot activate the client\n");
         return 1;
     }
-    printf("latency: %zu frames (%.1f ms at 44100 Hz), largest block %u frames\n", latency.total,
-           1000.0 * (double)latency.total / 44100.0, host.max_block);
+    printf("latency: %zu frames (%.1f ms at %u Hz), largest block %u frames\n", latency.total,
+           1000.0 * (double)latency.total / settings.sample_rate, settings.sample_rate, host.max_block);
     fflush(stdout);
     for (double waited = 0; !stop && (seconds <= 0 || waited < seconds); waited += 0.1) usleep(100000);
     jack_deactivate(client);

@@ -43,6 +43,14 @@
  * With the defaults (update 4, lookahead 4, max_block 512) the adapter's
  * total is 15872 frames, 0.36 s.
  *
+ * Host rates: an adapter made with another sample_rate (22050 to 192000
+ * Hz) converts its input to 44100 Hz and every output back with a
+ * windowed-sinc converter (16 zero crossings, Kaiser window, 92 % of the
+ * lower Nyquist band kept), on the audio thread, without allocating. Its
+ * latency, lookahead, max_block and underrun counts are then in host
+ * frames; the latency adds both converters' reach, and output frame n is
+ * still exactly input frame n - total.
+ *
  * Outputs: eight buffers of interleaved stereo in the order of
  * tonwerk_c.h's TW_OUTPUT_*: six stems, residual (the delayed input minus
  * the stems), mix (the stems summed). Frames whose model output was not
@@ -104,6 +112,8 @@ typedef struct tw_live_settings {
                            the helpers sleep between runs instead of spinning */
     int gpu;            /* non-zero tries the GPU execution providers the offline processor tries,
                            in its order; zero (the default) runs on the CPU and tries none */
+    uint32_t sample_rate; /* adapter: the host's rate in Hz, 22050..192000 (default 44100, the model's);
+                             engines run at 44100 only */
 } tw_live_settings;
 
 typedef struct tw_live_latency {
@@ -116,7 +126,7 @@ typedef struct tw_live_engine tw_live_engine;
 typedef struct tw_live_adapter tw_live_adapter;
 
 /* All stems, update 4, lookahead 4, max_block 512, real time, one thread,
- * CPU only. */
+ * CPU only, 44100 Hz. */
 TW_LIVE_API void tw_live_default_settings(tw_live_settings* settings);
 
 /* The calling thread's message of its last failed call ("" if none). */

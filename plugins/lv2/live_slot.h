@@ -22,8 +22,9 @@ struct SlotShape {
 };
 
 struct LiveSlot {
-    // Throws (live::Error) when the model does not load.
-    LiveSlot(const std::vector<unsigned char>& model, SlotShape shape, bool offline);
+    // At the host's `rate`; throws (live::Error) when the model does not
+    // load or the rate is out of range.
+    LiveSlot(const std::vector<unsigned char>& model, SlotShape shape, std::uint32_t rate, bool offline);
 
     SlotShape shape;
     live::Adapter adapter;

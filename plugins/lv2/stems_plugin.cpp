@@ -9,25 +9,22 @@
 #include <utility>
 
 namespace tonwerk::lv2 {
-namespace {
-
-// The rate the models are made for. At others they still run, but every
-// frequency lands in another bin than the model learned it in.
-constexpr double kModelRate = 44100.0;
-
-}  // namespace
-
 StemsPlugin::StemsPlugin(std::string bundleModel, double sampleRate, const HostFeatures& host)
-    : bundleModel_(std::move(bundleModel)), host_(host), log_(host), slot_(buildSlot({kMinThreads, host.maxBlock})) {
-    if (std::abs(sampleRate - kModelRate) > 0.5) {
-        log_.warning("the model is made for 44100 Hz; at " + std::to_string(std::lround(sampleRate)) +
-                     " Hz the stems are less clean");
+    : bundleModel_(std::move(bundleModel)),
+      rate_(static_cast<std::uint32_t>(std::lround(sampleRate))),
+      host_(host),
+      log_(host),
+      slot_(buildSlot({kMinThreads, host.maxBlock})) {
+    if (rate_ != 44100) {
+        log_.note("converting " + std::to_string(rate_) + " Hz to the model's 44100 Hz and back; latency " +
+                  std::to_string(slot_->adapter.latency().total) + " frames");
     }
 }
 
 void StemsPlugin::useModel(const std::string& path) {
     const std::lock_guard<std::mutex> lock(modelMutex_);
-    slot_ = std::make_unique<LiveSlot>(readModelFile(path.empty() ? bundleModel_ : path), slot_->shape, offline_);
+    slot_ = std::make_unique<LiveSlot>(readModelFile(path.empty() ? bundleModel_ : path), slot_->shape, rate_,
+                                       offline_);
     chosenModel_ = path;
 }
 
@@ -39,7 +36,7 @@ std::string StemsPlugin::chosenModel() const {
 std::unique_ptr<LiveSlot> StemsPlugin::buildSlot(SlotShape shape) const {
     const std::lock_guard<std::mutex> lock(modelMutex_);
     const std::string& path = chosenModel_.empty() ? bundleModel_ : chosenModel_;
-    return std::make_unique<LiveSlot>(readModelFile(path), shape, false);
+    return std::make_unique<LiveSlot>(readModelFile(path), shape, rate_, false);
 }
 
 LiveSlot* StemsPlugin::finishReload(LiveSlot* fresh, SlotShape shape) {

@@ -55,6 +55,7 @@ private:
     void reportStatus();
 
     std::string bundleModel_;
+    std::uint32_t rate_;
     // Read by the worker while restore() may write it; never on the audio thread.
     mutable std::mutex modelMutex_;
     std::string chosenModel_;

@@ -2,7 +2,7 @@
 #include "capi/status.h"
 #include "common/logging.h"
 #include "live/live_engine.h"
-#include "live/realtime_adapter.h"
+#include "live/host_rate_adapter.h"
 #include "pipeline/stream_layout.h"
 #include "tonwerk/tonwerk_live.h"
 
@@ -54,6 +54,7 @@ tw_live_settings checkedSettings(const tw_live_settings* given) {
         throw std::invalid_argument("live: threads must be between 1 and " + std::to_string(kMostThreads) +
                                     ", got " + std::to_string(settings.threads));
     }
+    tonwerk::HostRateAdapter::checkRate(settings.sample_rate);
     return settings;
 }
 
@@ -125,14 +126,14 @@ struct tw_live_engine {
 
 struct tw_live_adapter {
     std::unique_ptr<tonwerk::log::LogSetup> logging;
-    std::unique_ptr<tonwerk::RealtimeAdapter> adapter;
+    std::unique_ptr<tonwerk::HostRateAdapter> adapter;
     ~tw_live_adapter() { adapter.reset(); }  // the worker stops before logging goes
 };
 
 extern "C" {
 
 void tw_live_default_settings(tw_live_settings* settings) {
-    if (settings != nullptr) *settings = tw_live_settings{TW_STEMS_ALL, 4, 4, 512, 0, 1, 0};
+    if (settings != nullptr) *settings = tw_live_settings{TW_STEMS_ALL, 4, 4, 512, 0, 1, 0, tonwerk::HostRateAdapter::kModelRate};
 }
 
 const char* tw_live_last_error(void) {
@@ -146,7 +147,12 @@ tw_status tw_live_engine_create(const void* bytes, size_t size, const tw_live_se
     *engine = nullptr;
     if (bytes == nullptr) return fail(TW_ERROR_INVALID_ARGUMENT, kFunction, "bytes is NULL");
     return guarded(kFunction, [&] {
-        *engine = new tw_live_engine{loadModel(bytes, size, checkedSettings(settings))};
+        const tw_live_settings checked = checkedSettings(settings);
+        if (checked.sample_rate != tonwerk::HostRateAdapter::kModelRate) {
+            throw std::invalid_argument("live: an engine runs at the model's 44100 Hz, not " +
+                                        std::to_string(checked.sample_rate) + "; an adapter converts other rates");
+        }
+        *engine = new tw_live_engine{loadModel(bytes, size, checked)};
         return TW_OK;
     });
 }
@@ -203,11 +209,12 @@ tw_status tw_live_adapter_create(const void* bytes, size_t size, const tw_live_s
         Model model = loadModel(bytes, size, checked);
         auto live = std::make_unique<tw_live_adapter>();
         live->logging = std::move(model.logging);
-        live->adapter = std::make_unique<tonwerk::RealtimeAdapter>(
+        live->adapter = std::make_unique<tonwerk::HostRateAdapter>(
             std::move(model.engine),
             tonwerk::AdapterSettings{checked.max_block, checked.offline != 0,
                                      blocksFromEnvironment("TONWERK_LIVE_TEST_STALL"),
-                                     blocksFromEnvironment("TONWERK_LIVE_TEST_HOLD")});
+                                     blocksFromEnvironment("TONWERK_LIVE_TEST_HOLD")},
+            checked.sample_rate);
         *adapter = live.release();
         return TW_OK;
     });

@@ -2,7 +2,7 @@
 // while every call into the heap, a mutex or a sleep made on the audio
 // thread inside process() or reset() is counted. Exits 1 if any was.
 //
-//   tonwerk-realtime-promise MODEL [--minutes M]
+//   tonwerk-realtime-promise MODEL [--minutes M [--rate HZ]]
 //   tonwerk-realtime-promise MODEL --canary KIND
 //
 // MODEL is one of the build's test models, e.g. identity.onnx.
@@ -140,12 +140,14 @@ void commit(const std::string& kind) {
     if (kind == "new") delete object;
 }
 
-// Streams `minutes` of a tone at four times real time in blocks of 1 to
-// 512 frames, after a first stretch fed all at once so that the underrun
-// path runs too, with a transport jump halfway.
-int stream(const std::vector<unsigned char>& model, double minutes) {
-    tonwerk::live::Adapter adapter(model);
-    const std::size_t total = static_cast<std::size_t>(minutes * 60 * 44100);
+// Streams `minutes` of a tone at `rate` at four times real time in blocks
+// of 1 to 512 frames, after a first stretch fed all at once so that the
+// underrun path runs too, with a transport jump halfway.
+int stream(const std::vector<unsigned char>& model, double minutes, std::uint32_t rate) {
+    tw_live_settings settings = tonwerk::live::defaultSettings();
+    settings.sample_rate = rate;
+    tonwerk::live::Adapter adapter(model, settings);
+    const std::size_t total = static_cast<std::size_t>(minutes * 60 * rate);
     std::vector<float> input(2 * 512);
     std::vector<std::vector<float>> buffers(TW_OUTPUT_COUNT, std::vector<float>(2 * 512));
     float* outputs[TW_OUTPUT_COUNT];
@@ -161,7 +163,7 @@ int stream(const std::vector<unsigned char>& model, double minutes) {
             if (at < total / 2 && at + frames >= total / 2) adapter.reset();
         });
         ++calls;
-        if (at > 20 * 4096) std::this_thread::sleep_for(std::chrono::microseconds(frames * 22700 / 4000));
+        if (at > 20 * 4096) std::this_thread::sleep_for(std::chrono::microseconds(frames * 250000 / rate));
     }
     std::printf("%zu process calls over %.1f minutes of audio, %llu frames of underrun\n", calls, minutes,
                 static_cast<unsigned long long>(adapter.underruns()));
@@ -182,7 +184,7 @@ int report() {
 
 int main(int argc, char** argv) {
     if (argc < 2) {
-        std::fprintf(stderr, "usage: tonwerk-realtime-promise MODEL [--minutes M | --canary KIND]\n");
+        std::fprintf(stderr, "usage: tonwerk-realtime-promise MODEL [--minutes M [--rate HZ] | --canary KIND]\n");
         return 2;
     }
     const std::string option = argc > 2 ? argv[2] : "";
@@ -191,7 +193,8 @@ int main(int argc, char** argv) {
         return report();
     }
     const double minutes = option == "--minutes" && argc > 3 ? std::atof(argv[3]) : 2.0;
-    if (stream(tonwerk::test::readModel(argv[1]), minutes) != 0) {
+    const auto rate = static_cast<std::uint32_t>(argc > 5 && std::string(argv[4]) == "--rate" ? std::atol(argv[5]) : 44100);
+    if (stream(tonwerk::test::readModel(argv[1]), minutes, rate) != 0) {
         std::printf("process refused a call: %s\n", tw_live_last_error());
         return 1;
     }

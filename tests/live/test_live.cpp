@@ -342,6 +342,50 @@ TEST(LiveAdapter, SwitchingToOfflineMidStreamRecoversEveryFrame) {
     }
 }
 
+struct RateCase {
+    std::uint32_t rate;
+    double hertz;  // a tone band_split.onnx puts in `stem` at 44.1 kHz
+    int stem;
+};
+
+// At any host rate the input comes back after the reported latency, in
+// host frames, within what the rate conversion costs (band_split.onnx's
+// stems sum to its input), and a frequency keeps its stem: these tones
+// would cross a band edge if the model saw the host's samples as 44.1 kHz
+// ones.
+TEST(LiveAdapter, AnyHostRateGivesTheInputBackWithEachFrequencyInItsStem) {
+    const RateCase cases[] = {{22050, 500, TW_OUTPUT_VOCALS},
+                              {48000, 2880, TW_OUTPUT_PIANO},
+                              {96000, 1000, TW_OUTPUT_DRUM},
+                              {192000, 4000, TW_OUTPUT_PIANO}};
+    for (const RateCase& c : cases) {
+        SCOPED_TRACE(c.rate);
+        tw_live_settings settings = settingsOf(2, 2, 512, 1);
+        settings.sample_rate = c.rate;
+        live::Adapter adapter(readModel("band_split.onnx"), settings);
+        const long delay = static_cast<long>(adapter.latency().total);
+        std::vector<float> input(2 * (static_cast<std::size_t>(delay) + c.rate / 2));
+        for (std::size_t i = 0; i < input.size(); ++i) {
+            const double t = static_cast<double>(i / 2) / c.rate + 0.1 * static_cast<double>(i % 2);
+            input[i] = static_cast<float>(0.4 * std::sin(2 * M_PI * 220 * t) + 0.4 * std::sin(2 * M_PI * c.hertz * t));
+        }
+        OutputStreams out;
+        stream(adapter, input, 512, out, c.rate);
+        // The step out of silence rings through the band limits for a while.
+        std::array<double, TW_OUTPUT_COUNT> energy{};
+        for (long i = 2 * (delay + static_cast<long>(c.rate / 10)); i < static_cast<long>(input.size()); ++i) {
+            float sum = 0.0F;
+            for (int s = TW_OUTPUT_VOCALS; s <= TW_OUTPUT_BASS; ++s) sum += out.at(s, i);
+            ASSERT_NEAR(sum, input[static_cast<std::size_t>(i - 2 * delay)], 5e-4) << "sample " << i;
+            for (int s = 0; s < TW_OUTPUT_COUNT; ++s) energy[s] += out.at(s, i) * out.at(s, i);
+        }
+        EXPECT_GT(energy[c.stem], 1e-3 * energy[TW_OUTPUT_MIX]) << "stem " << c.stem;
+        for (int s = TW_OUTPUT_DRUM; s <= TW_OUTPUT_BASS; ++s) {
+            EXPECT_TRUE(s == c.stem || energy[s] < 1e-3 * energy[TW_OUTPUT_MIX]) << "stem " << s;
+        }
+    }
+}
+
 TEST(LiveAdapter, BlocksBeyondTheMaximumAreRefusedAndTakeNothing) {
     live::Adapter adapter(readModel("identity.onnx"), settingsOf(2, 2, 64, 1));
     const std::vector<float> input = tones(adapter.latency().total + 4096, 8);

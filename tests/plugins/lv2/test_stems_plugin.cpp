@@ -186,60 +186,40 @@ std::size_t threadsOfThisProcess() {
                                                   std::filesystem::directory_iterator()));
 }
 
-// A model run on n threads keeps n - 1 helpers beside the adapter's worker:
-// the process's thread count shows which adapter is in use, and that the
-// one it replaced was freed.
-TEST(StemsPlugin, TakesTheThreadControlThroughTheWorkerOrAtActivation) {
-    const std::vector<float> input = tones(4 * kMaxBlock, 2);
-    for (const bool offersWorker : {true, false}) {
-        SCOPED_TRACE(offersWorker ? "worker" : "no worker");
-        Host host(offersWorker);
-        host.run(input, kMaxBlock);
-        host.runJobs();
-        const std::size_t oneThread = threadsOfThisProcess();
-        host.controls[lv2::kThreads] = 3;
-        host.run(input, kMaxBlock);  // asks the worker, if there is one
-        host.runJobs();
-        if (!offersWorker) host.plugin->activate(host.instance);
-        EXPECT_EQ(threadsOfThisProcess(), oneThread + 2);
-        host.controls[lv2::kThreads] = 1;
-        host.run(input, kMaxBlock);
-        host.runJobs();
-        EXPECT_EQ(threadsOfThisProcess(), oneThread);
-        EXPECT_EQ(host.controls[lv2::kLatency], static_cast<float>(15872 - 512 + kMaxBlock));
-    }
-}
-
 struct ShapeCase {
     bool worker;
     std::int32_t nominal;  // the host's options, 0 for none
     std::int32_t maximum;
     std::size_t period;  // frames per run()
-    std::size_t block;  // the adapter's block limit that follows
+    float threads;       // the control
+    std::size_t block;   // the adapter's block limit that follows
 };
 
 // The latency holds the adapter's block limit: the host's usual period when
 // it states one, else its maximum, else 512; a longer period in real time
 // gets a slot that takes it whole (cut up, each run would reach the model
-// at once with too little time left), through the worker or at the next
-// activation. Free-wheeling then, the output is the input delayed by the
-// new latency.
-TEST(StemsPlugin, TakesWholeHostPeriodsAtTheLatencyTheyNeed) {
+// at once with too little time left). A model run on n threads keeps
+// n - 1 helpers beside the adapter's worker, so the process's thread count
+// shows that a slot with the new count is in use and the old one was
+// freed. Both through the worker, or at the next activation without one;
+// free-wheeling then, the output is the input delayed by the new latency.
+TEST(StemsPlugin, TakesItsBlockLimitAndThreadsFromTheHost) {
     const ShapeCase cases[] = {
-        {true, 256, 8192, 256, 256},
-        {true, 0, 0, 300, 512},
-        {true, 0, 0, 4096, 4096},
-        {false, 0, 0, 4096, 4096},
-        {true, 0, 64, 1000, 1000},
+        {true, 256, 8192, 256, 1, 256}, {true, 0, 0, 300, 3, 512},      {true, 0, 0, 4096, 1, 4096},
+        {false, 0, 0, 4096, 2, 4096},   {true, 0, 64, 1000, 1, 1000},   {false, 0, 100, 100, 3, 100},
     };
     for (const ShapeCase& c : cases) {
         SCOPED_TRACE(testing::Message() << "period " << c.period << (c.worker ? "" : ", no worker"));
+        const std::size_t before = threadsOfThisProcess();
         Host host(c.worker, c.nominal, c.maximum);
+        const std::size_t oneThread = threadsOfThisProcess() - before;
         std::fill_n(host.controls.begin() + lv2::kFirstGain, lv2::kGainCount, 1.0F);
+        host.controls[lv2::kThreads] = c.threads;
         const long latency = static_cast<long>(15872 - 512 + c.block);
         const std::vector<float> input = tones(static_cast<std::size_t>(latency) + 2 * 4096, 4);
         host.run(input, c.period);
         host.runJobs();
+        EXPECT_EQ(threadsOfThisProcess() - before, oneThread + static_cast<std::size_t>(c.threads) - 1);
         host.controls[lv2::kFreeWheel] = 1;
         host.controls[lv2::kOffline] = 1;
         const std::vector<float> output = host.run(input, c.period);

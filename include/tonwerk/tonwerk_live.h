@@ -31,7 +31,10 @@
  * Blackman frames, hop 1024) as the offline processor, but runs on it every
  * `update` hops; each run hands out the `update` frames that now have
  * `lookahead` frames of future context after them. Compute grows as
- * 256 / update model runs per 256 hops.
+ * 256 / update model runs per 256 hops. A model whose input declares fewer
+ * frames (a live export, e.g. 96) is run on that many, the newest ones:
+ * enough for a network that reaches a few seconds around a frame, at a
+ * fraction of the work; update + lookahead must fit in its frames.
  *
  * Latency (frames at 44100 Hz), fixed at creation and known before the
  * first block:
@@ -105,7 +108,7 @@ extern "C" {
 typedef struct tw_live_settings {
     uint32_t stem_mask; /* TW_STEM_* bits: the stems to ask the model for */
     uint32_t update;    /* hops (1024 frames) of new input per model run, 1..256 */
-    uint32_t lookahead; /* frames of future context, 0..256 - update */
+    uint32_t lookahead; /* frames of future context, 0..F - update (F: the model's frames, 256 or fewer) */
     uint32_t max_block; /* adapter: most frames per tw_live_adapter_process call, >= 1 */
     int offline;        /* adapter: non-zero waits for the model instead of counting underruns */
     uint32_t threads;   /* threads one model run uses, the caller's (or the worker's) included, 1..64;

@@ -1,8 +1,12 @@
 """Writes a trained network as a model the library runs: opset 17, fixed
 shapes, input "unified_input" (1, 4, 256, 2048) of packed planes, the six
-boolean "<stem>_flag" inputs, the six "<stem>_output" spectra."""
+boolean "<stem>_flag" inputs, the six "<stem>_output" spectra. A live
+export (--live-frames N) takes N frames instead: the live library needs only
+the frames the network's receptive field reaches around the ones it hands
+out, and runs N/256 of the work; the offline processor needs 256."""
 import json
 import os
+import sys
 
 import numpy as np
 import onnx
@@ -14,23 +18,23 @@ from tonwerk_train.stems import FLAG_STEMS, STEMS
 from tonwerk_train.stft import BINS, FFT_SIZE, HOP, SEGMENT_FRAMES, from_planes, istft, stft, to_planes
 
 OPSET = 17
-INPUT_SHAPE = (1, 4, SEGMENT_FRAMES, BINS)
 
 
 class ContractModel(nn.Module):
     """The network between the library's tensors: planes in, each stem's
     masked planes out, zeroed by its flag."""
 
-    def __init__(self, network):
+    def __init__(self, network, frames=SEGMENT_FRAMES):
         super().__init__()
         self.network = network
+        self.frames = frames
 
     def forward(self, unified_input, *flags):
-        planes = unified_input.reshape(1, 2, 2, SEGMENT_FRAMES, BINS)  # (1, channel, re/im, T, F)
+        planes = unified_input.reshape(1, 2, 2, self.frames, BINS)  # (1, channel, re/im, T, F)
         masks = self.network.masks(planes.pow(2).sum(dim=2).sqrt())
         gate = dict(zip(FLAG_STEMS, flags))
         # One product per stem: the flag scales the mask, the mask both parts.
-        return tuple((masks[:, index] * gate[stem].float()).unsqueeze(2).mul(planes).reshape(INPUT_SHAPE)
+        return tuple((masks[:, index] * gate[stem].float()).unsqueeze(2).mul(planes).reshape(unified_input.shape)
                      for index, stem in enumerate(STEMS))
 
 
@@ -42,10 +46,10 @@ def load_network(checkpoint):
     return network.eval(), state
 
 
-def export(network, path, description=""):
+def export(network, path, description="", frames=SEGMENT_FRAMES):
     """Writes the model beside `path` and renames it into place."""
-    contract = ContractModel(network.eval())
-    example = (torch.zeros(INPUT_SHAPE),) + tuple(torch.ones(1, dtype=torch.bool) for _ in FLAG_STEMS)
+    contract = ContractModel(network.eval(), frames)
+    example = (torch.zeros(1, 4, frames, BINS),) + tuple(torch.ones(1, dtype=torch.bool) for _ in FLAG_STEMS)
     temp = path + ".tmp"
     with torch.no_grad():
         torch.onnx.export(contract, example, temp, opset_version=OPSET, do_constant_folding=True,
@@ -86,12 +90,18 @@ def library_reference(network, audio):
 def add_arguments(parser):
     parser.add_argument("checkpoint", help="a .pt file written by train (best.pt or checkpoint.pt)")
     parser.add_argument("output", help="the .onnx file to write")
+    parser.add_argument("--live-frames", type=int, default=SEGMENT_FRAMES, metavar="N",
+                        help="frames of spectrogram per run (default 256, what the processor takes); fewer makes "
+                             "a model for the live library alone, e.g. 96")
 
 
 def run(args):
     network, state = load_network(args.checkpoint)
     description = "Mask network trained by tonwerk_train: step %d, settings %s" % (
         state["step"], json.dumps(state["config"], sort_keys=True))
-    export(network, args.output, description)
+    if not 8 <= args.live_frames <= SEGMENT_FRAMES:
+        sys.stderr.write("export: --live-frames must be between 8 and %d, not %d\n" % (SEGMENT_FRAMES, args.live_frames))
+        return 2
+    export(network, args.output, description, args.live_frames)
     print("export: wrote %s (%.1f MB)" % (args.output, os.path.getsize(args.output) / 1e6))
     return 0

@@ -50,6 +50,10 @@ struct SessionTuning {
     bool tryAccelerators = true;
 };
 
+// The frames of spectrogram a backend made by makeInferenceBackend takes
+// per run: dimension 2 of its model's input, 0 where it is not fixed.
+std::size_t modelFrames(const std::shared_ptr<IInference>& inference);
+
 // Loads ONNX Runtime if needed and builds the backend from plain model bytes.
 // Empty name lists mean "take the model's own names"; an empty providerName
 // keeps the fixed provider preference order.

@@ -112,6 +112,10 @@ public:
         return true;
     }
 
+    std::size_t frames() const {
+        return inputShape_.size() == 4 && inputShape_[2] > 0 ? static_cast<std::size_t>(inputShape_[2]) : 0;
+    }
+
     void select(const StemFlags& flags) {
         stemFlags_ = {flags.vocals, flags.drum,           flags.bass,
                       flags.piano,  flags.acousticGuitar, flags.electricGuitar};
@@ -179,14 +183,22 @@ private:
     std::string coreMlCacheDirectory_;
 };
 
+InferenceONNXImplMultiStem& ownBackend(IInference* inference, const char* function) {
+    auto* backend = dynamic_cast<InferenceONNXImplMultiStem*>(inference);
+    if (backend == nullptr) {
+        throw std::invalid_argument(std::string(function) + ": the backend was not made by makeInferenceBackend");
+    }
+    return *backend;
+}
+
 }  // namespace
 
 void setSelectedStems(std::shared_ptr<IInference>& inference, StemFlags flags) {
-    auto* backend = dynamic_cast<InferenceONNXImplMultiStem*>(inference.get());
-    if (backend == nullptr) {
-        throw std::invalid_argument("setSelectedStems: the backend was not made by makeInferenceBackend");
-    }
-    backend->select(flags);
+    ownBackend(inference.get(), "setSelectedStems").select(flags);
+}
+
+std::size_t modelFrames(const std::shared_ptr<IInference>& inference) {
+    return ownBackend(inference.get(), "modelFrames").frames();
 }
 
 std::shared_ptr<IInference> makeInferenceBackend(const void* modelData, std::size_t modelSize,

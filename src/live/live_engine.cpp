@@ -15,8 +15,7 @@ using layout::kFftSize;
 using layout::kHop;
 using layout::kStemCount;
 
-void checkLiveSettings(const LiveSettings& settings) {
-    const std::size_t frames = layout::kSegmentFrames;
+void checkLiveSettings(const LiveSettings& settings, std::size_t frames) {
     if (settings.update < 1 || settings.update > frames) {
         throw std::invalid_argument("live: update must be between 1 and " + std::to_string(frames) + " hops, got " +
                                     std::to_string(settings.update));
@@ -28,11 +27,22 @@ void checkLiveSettings(const LiveSettings& settings) {
     }
 }
 
+namespace {
+
+// A model whose frames are not fixed gets the processor's.
+std::size_t framesOf(const std::shared_ptr<IInference>& backend) {
+    const std::size_t frames = modelFrames(backend);
+    return frames > 0 ? frames : layout::kSegmentFrames;
+}
+
+}  // namespace
+
 LiveEngine::LiveEngine(std::shared_ptr<IInference> backend, LiveSettings settings)
     : backend_(std::move(backend)),
+      frames_(framesOf(backend_)),
       settings_(settings),
       window_(makeWindow(Blackman, static_cast<std::int32_t>(layout::kFftSize))) {
-    checkLiveSettings(settings);
+    checkLiveSettings(settings, frames_);
     recent_ = xt::xtensor<float, 2>::from_shape({kAudioChannels, kFftSize - kHop + blockFrames()});
     delayed_ = xt::xtensor<float, 2>::from_shape({kAudioChannels, latencyFrames() + blockFrames()});
     rows_ = xt::xtensor<float, 3>::from_shape({kStemCount + 1, kAudioChannels, blockFrames()});
@@ -42,8 +52,8 @@ LiveEngine::LiveEngine(std::shared_ptr<IInference> backend, LiveSettings setting
 void LiveEngine::reset() {
     // Every frame is handed out, none held back for a neighbour: the engine
     // picks the frames it delivers itself.
-    analysis_ = std::make_unique<PreProcessor>(kAudioChannels, kFftSize, kHop, window_, backend_,
-                                               layout::kSegmentFrames, false, kStemCount);
+    analysis_ = std::make_unique<PreProcessor>(kAudioChannels, kFftSize, kHop, window_, backend_, frames_, false,
+                                               kStemCount);
     synthesis_.clear();
     std::vector<float> discarded(kAudioChannels * kHop);
     for (std::size_t s = 0; s < kStemCount; ++s) {
@@ -90,7 +100,7 @@ void LiveEngine::synthesize(bool modelRan) {
     const std::size_t block = blockFrames();
     // The new frames sit in the last `update` slots; the ones handed out are
     // `lookahead` slots older.
-    const std::size_t first = layout::kSegmentFrames - settings_.lookahead - settings_.update;
+    const std::size_t first = frames_ - settings_.lookahead - settings_.update;
     for (std::size_t f = 0; f < settings_.update; ++f) {
         for (std::size_t s = 0; s < kStemCount; ++s) {
             OverlapAddSynthesizer& synthesizer = *synthesis_[s];

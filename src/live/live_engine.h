@@ -25,16 +25,21 @@ struct LiveSettings {
 };
 
 // Throws std::invalid_argument unless 1 <= update and update + lookahead
-// fits the model's spectrogram.
-void checkLiveSettings(const LiveSettings& settings);
+// fits a model's `frames` of spectrogram.
+void checkLiveSettings(const LiveSettings& settings, std::size_t frames = layout::kSegmentFrames);
 
 // One stream, one thread at a time. Every call runs the model once over
 // blockFrames() new frames and returns as many frames of every output,
 // delayed by latencyFrames(): output sample n belongs to input sample
 // n - latencyFrames() (silence before the stream).
+//
+// The model sees as many frames as its input declares: the processor's 256,
+// or fewer for a model made for live use, which needs only the frames its
+// receptive field reaches around the ones handed out, and runs faster.
 class LiveEngine {
 public:
     // `backend` must not be run by anyone else while this engine works.
+    // Throws std::invalid_argument when the settings do not fit its model.
     LiveEngine(std::shared_ptr<IInference> backend, LiveSettings settings);
 
     std::size_t blockFrames() const { return settings_.update * layout::kHop; }
@@ -59,6 +64,7 @@ private:
     void synthesize(bool modelRan);
 
     std::shared_ptr<IInference> backend_;
+    std::size_t frames_;  // of spectrogram per model run
     LiveSettings settings_;
     std::vector<float> window_;
     std::unique_ptr<PreProcessor> analysis_;

@@ -58,13 +58,14 @@ void expectDelayedIdentity(const std::vector<float>& input, const OutputStreams&
 struct EngineCase {
     std::uint32_t update;
     std::uint32_t lookahead;
+    const char* model = "identity.onnx";  // identity_short.onnx sees 96 frames, as a live export does
 };
 
 class LiveEngine : public testing::TestWithParam<EngineCase> {};
 
 TEST_P(LiveEngine, GivesTheInputBackAfterItsReportedLatency) {
     const EngineCase c = GetParam();
-    live::Engine engine(readModel("identity.onnx"), settingsOf(c.update, c.lookahead));
+    live::Engine engine(readModel(c.model), settingsOf(c.update, c.lookahead));
     const tw_live_latency latency = engine.latency();
     EXPECT_EQ(latency.lookahead, 1024U * c.lookahead);
     EXPECT_EQ(latency.output_delay, 3072U);
@@ -93,7 +94,8 @@ TEST_P(LiveEngine, GivesTheInputBackAfterItsReportedLatency) {
 
 INSTANTIATE_TEST_SUITE_P(Settings, LiveEngine,
                          testing::Values(EngineCase{1, 0}, EngineCase{4, 4}, EngineCase{3, 13}, EngineCase{32, 64},
-                                         EngineCase{16, 240}));
+                                         EngineCase{16, 240}, EngineCase{4, 4, "identity_short.onnx"},
+                                         EngineCase{2, 94, "identity_short.onnx"}));
 
 TEST(LiveEngine, StemsLeftOutStayInTheResidual) {
     tw_live_settings settings = settingsOf(2, 1);
@@ -126,9 +128,10 @@ tw_live_settings withThreads(std::uint32_t threads, int gpu = 0) {
 struct RefusedCase {
     tw_live_settings settings;
     const char* message;
+    const char* model = "identity.onnx";
 };
 
-TEST(LiveSettings, OutOfRangeSettingsAreRefusedBeforeTheModelLoads) {
+TEST(LiveSettings, OutOfRangeSettingsAreRefused) {
     tw_live_settings noMask = settingsOf(4, 4);
     noMask.stem_mask = 0x40;
     const RefusedCase cases[] = {
@@ -139,9 +142,11 @@ TEST(LiveSettings, OutOfRangeSettingsAreRefusedBeforeTheModelLoads) {
         {noMask, "stem_mask 64 has bits outside TW_STEMS_ALL (63)"},
         {withThreads(0), "live: threads must be between 1 and 64, got 0"},
         {withThreads(65), "live: threads must be between 1 and 64, got 65"},
+        {settingsOf(4, 93), "live: lookahead 93 and update 4 together exceed the model's 96 frames",
+         "identity_short.onnx"},
     };
-    const auto bytes = readModel("identity.onnx");
     for (const RefusedCase& c : cases) {
+        const auto bytes = readModel(c.model);
         tw_live_adapter* adapter = reinterpret_cast<tw_live_adapter*>(&adapter);
         EXPECT_EQ(tw_live_adapter_create(bytes.data(), bytes.size(), &c.settings, &adapter),
                   TW_ERROR_INVALID_ARGUMENT);

@@ -8,11 +8,16 @@
 
 #include <lv2/worker/worker.h>
 
+#include <string_view>
+
 namespace tonwerk::lv2 {
 
 // On the audio thread: asks for a slot of `shape`. False when the host
 // refused the job.
 bool scheduleBuild(const LV2_Worker_Schedule& schedule, SlotShape shape);
+// The same on the model at `path` (shorter than kMaxPath), which becomes
+// the chosen one once it loads.
+bool scheduleModel(const LV2_Worker_Schedule& schedule, SlotShape shape, std::string_view path);
 
 const LV2_Worker_Interface* workerInterface();
 

@@ -29,6 +29,8 @@ enum Port : std::uint32_t {
     kUnderruns,
     kFreeWheel,  // optional: hosts that know it say when they run faster than real time
     kThreads,    // threads per model run
+    kControl,    // atom input: patch messages choosing the model
+    kNotify,     // atom output: the model in use, when it changes or is asked for
     kPortCount
 };
 

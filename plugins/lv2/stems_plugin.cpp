@@ -15,6 +15,8 @@ StemsPlugin::StemsPlugin(std::string bundleModel, double sampleRate, const HostF
       host_(host),
       log_(host),
       slot_(buildSlot({kMinThreads, host.maxBlock})) {
+    if (host.map != nullptr) messages_.emplace(host.map);
+    modelChanged(bundleModel_);
     if (rate_ != 44100) {
         log_.note("converting " + std::to_string(rate_) + " Hz to the model's 44100 Hz and back; latency " +
                   std::to_string(slot_->adapter.latency().total) + " frames");
@@ -26,6 +28,7 @@ void StemsPlugin::useModel(const std::string& path) {
     slot_ = std::make_unique<LiveSlot>(readModelFile(path.empty() ? bundleModel_ : path), slot_->shape, rate_,
                                        offline_);
     chosenModel_ = path;
+    modelChanged(path.empty() ? bundleModel_ : path);
 }
 
 std::string StemsPlugin::chosenModel() const {
@@ -33,10 +36,19 @@ std::string StemsPlugin::chosenModel() const {
     return chosenModel_;
 }
 
-std::unique_ptr<LiveSlot> StemsPlugin::buildSlot(SlotShape shape) const {
+std::unique_ptr<LiveSlot> StemsPlugin::buildSlot(SlotShape shape, const std::string& path) {
     const std::lock_guard<std::mutex> lock(modelMutex_);
-    const std::string& path = chosenModel_.empty() ? bundleModel_ : chosenModel_;
-    return std::make_unique<LiveSlot>(readModelFile(path), shape, rate_, false);
+    const std::string& file = !path.empty() ? path : chosenModel_.empty() ? bundleModel_ : chosenModel_;
+    auto slot = std::make_unique<LiveSlot>(readModelFile(file), shape, rate_, false);
+    if (!path.empty()) chosenModel_ = path;
+    return slot;
+}
+
+void StemsPlugin::modelChanged(std::string_view path) {
+    const std::size_t length = std::min(path.size(), kMaxPath - 1);
+    std::copy_n(path.data(), length, playingPath_.begin());
+    playingPath_[length] = '\0';
+    notifyPending_ = true;
 }
 
 LiveSlot* StemsPlugin::finishReload(LiveSlot* fresh, SlotShape shape) {
@@ -52,7 +64,13 @@ LiveSlot* StemsPlugin::finishReload(LiveSlot* fresh, SlotShape shape) {
 }
 
 void StemsPlugin::connect(std::uint32_t port, void* data) {
-    if (port < kPortCount) ports_[port] = static_cast<float*>(data);
+    if (port == kControl) {
+        control_ = static_cast<const LV2_Atom_Sequence*>(data);
+    } else if (port == kNotify) {
+        notify_ = static_cast<LV2_Atom_Sequence*>(data);
+    } else if (port < kPortCount) {
+        ports_[port] = static_cast<float*>(data);
+    }
 }
 
 void StemsPlugin::activate() {
@@ -98,12 +116,27 @@ void StemsPlugin::run(std::uint32_t frames) {
         longestBlock_ = std::min(std::max(longestBlock_, frames), kLargestMaxBlock);
     }
     requestShape();
+    readMessages();
     for (std::uint32_t at = 0; at < frames;) {
         const std::uint32_t piece = std::min(frames - at, slot_->shape.maxBlock);
         runPiece(at, piece);
         at += piece;
     }
     reportStatus();
+}
+
+// A model chosen in the host loads on its worker (not at all without one:
+// then the state interface is the way); the notify port answers patch:Get
+// and reports each model taken into use.
+void StemsPlugin::readMessages() {
+    if (!messages_) return;
+    const ModelRequests requests = messages_->read(control_);
+    if (!requests.path.empty() && requests.path.size() < kMaxPath && host_.schedule != nullptr) {
+        scheduleModel(*host_.schedule, slot_->shape, requests.path);
+    }
+    notifyPending_ = notifyPending_ || requests.get;
+    messages_->write(notify_, notifyPending_ ? std::string_view(playingPath_.data()) : std::string_view());
+    notifyPending_ = false;
 }
 
 void StemsPlugin::readControls() {

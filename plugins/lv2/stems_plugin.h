@@ -4,6 +4,7 @@
 
 #include "host_features.h"
 #include "live_slot.h"
+#include "model_messages.h"
 #include "plugin_log.h"
 #include "ports.h"
 #include "stem_mix.h"
@@ -12,9 +13,14 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
+#include <string_view>
 
 namespace tonwerk::lv2 {
+
+// The longest model path a patch message may carry.
+constexpr std::size_t kMaxPath = 4096;
 
 class StemsPlugin {
 public:
@@ -38,18 +44,23 @@ public:
     const HostFeatures& host() const { return host_; }
     PluginLog& log() { return log_; }
 
-    // The host's worker thread: a slot of `shape` on the chosen model.
-    // Throws when it does not load.
-    std::unique_ptr<LiveSlot> buildSlot(SlotShape shape) const;
+    // The host's worker thread: a slot of `shape` on the chosen model, or
+    // on the model at `path` (which becomes the chosen one). Throws when it
+    // does not load.
+    std::unique_ptr<LiveSlot> buildSlot(SlotShape shape, const std::string& path = "");
     // Between runs on the audio thread: swaps `fresh` in (the stream starts
     // anew) and returns the slot it replaced, to be freed off the audio
     // thread. A null `fresh` is a failed build of `shape`, which is not
     // asked for again until what it was asked for changes.
     LiveSlot* finishReload(LiveSlot* fresh, SlotShape shape);
+    // Between runs on the audio thread, after finishReload() took a slot on
+    // the model at `path`: the notify port says so at the next run.
+    void modelChanged(std::string_view path);
 
 private:
     SlotShape wantedShape() const;
     void requestShape();
+    void readMessages();
     void readControls();
     void runPiece(std::uint32_t at, std::uint32_t frames);
     void reportStatus();
@@ -70,6 +81,13 @@ private:
     // build failed last.
     bool reloadPending_ = false;
     SlotShape failed_{0, 0};
+    // Patch messages, with a URID map only. The path in use as the audio
+    // thread knows it, and whether the notify port owes a message.
+    std::optional<ModelMessages> messages_;
+    const LV2_Atom_Sequence* control_ = nullptr;
+    LV2_Atom_Sequence* notify_ = nullptr;
+    std::array<char, kMaxPath> playingPath_{};
+    bool notifyPending_ = false;
     std::array<float*, kPortCount> ports_{};
     StemMix mix_;
 };

@@ -11,8 +11,11 @@
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <lv2/atom/atom.h>
+#include <lv2/atom/forge.h>
+#include <lv2/atom/util.h>
 #include <lv2/buf-size/buf-size.h>
 #include <lv2/options/options.h>
+#include <lv2/patch/patch.h>
 #include <lv2/state/state.h>
 #include <lv2/worker/worker.h>
 
@@ -65,7 +68,11 @@ struct Host {
         const LV2_Feature* features[] = {&mapFeature, &optionsFeature, offersWorker ? &workerFeature : nullptr, nullptr};
         instance = plugin->instantiate(plugin, 44100.0, TONWERK_LV2_TEST_BUNDLE, features);
         controls[lv2::kThreads] = 1;
-        for (uint32_t p = lv2::kFirstGain; p < lv2::kPortCount; ++p) plugin->connect_port(instance, p, &controls[p]);
+        for (uint32_t p = lv2::kFirstGain; p < lv2::kControl; ++p) plugin->connect_port(instance, p, &controls[p]);
+        plugin->connect_port(instance, lv2::kControl, control.data());
+        plugin->connect_port(instance, lv2::kNotify, notify.data());
+        lv2_atom_forge_init(&forge, &map);
+        message();
         stateInterface = static_cast<const LV2_State_Interface*>(plugin->extension_data(LV2_STATE__interface));
         worker = static_cast<const LV2_Worker_Interface*>(plugin->extension_data(LV2_WORKER__interface));
     }
@@ -96,15 +103,52 @@ struct Host {
     std::vector<float> run(const std::vector<float>& input, std::size_t block) {
         plugin->activate(instance);
         std::vector<float> output(input.size());
-        std::vector<float> planar(4 * block);  // in left, in right, out left, out right
+        planar.assign(4 * block, 0.0F);  // in left, in right, out left, out right
         for (std::uint32_t p = 0; p < 4; ++p) plugin->connect_port(instance, p, &planar[p * block]);
         for (std::size_t at = 0; at < input.size() / 2; at += block) {
             const std::size_t frames = std::min(block, input.size() / 2 - at);
             for (std::size_t i = 0; i < 2 * frames; ++i) planar[i % 2 * block + i / 2] = input[2 * at + i];
+            reinterpret_cast<LV2_Atom*>(notify.data())->size = notify.size() - sizeof(LV2_Atom);
             plugin->run(instance, static_cast<std::uint32_t>(frames));
+            if (at == 0) {  // the message was for the first run, and so is the answer
+                message();
+                firstNotice = notified();
+            }
             for (std::size_t i = 0; i < 2 * frames; ++i) output[2 * at + i] = planar[(2 + i % 2) * block + i / 2];
         }
         return output;
+    }
+
+    // The control port's sequence for the next run: a patch:Set of the
+    // model to `path`, a patch:Get without one, nothing with `get` false.
+    void message(const std::string& path = "", bool get = false) {
+        lv2_atom_forge_set_buffer(&forge, control.data(), control.size());
+        LV2_Atom_Forge_Frame sequence, object;
+        lv2_atom_forge_sequence_head(&forge, &sequence, 0);
+        if (!path.empty() || get) {
+            lv2_atom_forge_frame_time(&forge, 0);
+            lv2_atom_forge_object(&forge, &object, 0, urid(path.empty() ? LV2_PATCH__Get : LV2_PATCH__Set));
+            if (!path.empty()) {
+                lv2_atom_forge_key(&forge, urid(LV2_PATCH__property));
+                lv2_atom_forge_urid(&forge, urid(TONWERK_LV2_URI "#model"));
+                lv2_atom_forge_key(&forge, urid(LV2_PATCH__value));
+                lv2_atom_forge_path(&forge, path.c_str(), static_cast<uint32_t>(path.size()));
+            }
+            lv2_atom_forge_pop(&forge, &object);
+        }
+        lv2_atom_forge_pop(&forge, &sequence);
+    }
+
+    // The model paths the notify port's last sequence reports.
+    std::vector<std::string> notified() {
+        std::vector<std::string> paths;
+        LV2_ATOM_SEQUENCE_FOREACH(reinterpret_cast<const LV2_Atom_Sequence*>(notify.data()), event) {
+            const LV2_Atom* value = nullptr;
+            lv2_atom_object_get(reinterpret_cast<const LV2_Atom_Object*>(&event->body), urid(LV2_PATCH__value),
+                                &value, 0);
+            if (value != nullptr) paths.emplace_back(static_cast<const char*>(LV2_ATOM_BODY_CONST(value)));
+        }
+        return paths;
     }
 
     Jobs jobs;
@@ -115,6 +159,11 @@ struct Host {
     std::map<std::string, LV2_URID> uris;
     LV2_URID_Map map{this, [](void* self, const char* uri) { return static_cast<Host*>(self)->urid(uri); }};
     std::int32_t blocks[2];
+    std::vector<float> planar;
+    alignas(8) std::array<std::uint8_t, 4096> control{};
+    alignas(8) std::array<std::uint8_t, 8192> notify{};
+    LV2_Atom_Forge forge{};
+    std::vector<std::string> firstNotice;  // what the notify port said after a run()'s first block
     LV2_Options_Option options[3]{};
     void* library = nullptr;
     const LV2_Descriptor* plugin = nullptr;
@@ -179,6 +228,36 @@ TEST(StemsPlugin, MixesTheStemsBackAfterTheReportedLatency) {
             ASSERT_NEAR(output[static_cast<std::size_t>(i)], expected, from < 2 * 8192 ? 1e-4 : 1e-5) << i;
         }
     }
+}
+
+// A host with a file chooser sets the model with patch:Set: it loads on the
+// worker, the notify port reports it (and answers patch:Get), and sessions
+// save it.
+TEST(StemsPlugin, TakesTheModelAHostSetsAndReportsIt) {
+    Host host;
+    const lv2::Gains gains = {.1F, .2F, .3F, .4F, .5F, .6F, .7F};
+    std::copy(gains.begin(), gains.end(), host.controls.begin() + lv2::kFirstGain);
+    const std::string path = TONWERK_TEST_MODELS_DIR "/gains.onnx";
+    const std::vector<float> input = tones(15872 - 512 + kMaxBlock + 2 * 4096, 6);
+    host.message(path);
+    host.run(input, kMaxBlock);
+    EXPECT_EQ(host.firstNotice, std::vector<std::string>{TONWERK_LV2_TEST_BUNDLE "model.onnx"});
+    host.runJobs();
+    host.controls[lv2::kFreeWheel] = host.controls[lv2::kOffline] = 1;
+    const std::vector<float> output = host.run(input, kMaxBlock);
+    EXPECT_EQ(host.firstNotice, std::vector<std::string>{path});
+    host.run(input, kMaxBlock);
+    EXPECT_EQ(host.firstNotice, std::vector<std::string>{});  // said once
+    host.message("", true);
+    host.run(input, kMaxBlock);
+    EXPECT_EQ(host.firstNotice, std::vector<std::string>{path});  // and again when asked
+    const long latency = static_cast<long>(host.controls[lv2::kLatency]);
+    for (long i = 2 * latency + 2 * 8192; i < static_cast<long>(output.size()); ++i) {
+        ASSERT_NEAR(output[static_cast<std::size_t>(i)], -4.9F * input[static_cast<std::size_t>(i - 2 * latency)], 1e-4)
+            << i;
+    }
+    ASSERT_EQ(host.stateInterface->save(host.instance, store, &host.state, 0, nullptr), 0);
+    EXPECT_EQ(host.state[host.urid(TONWERK_LV2_URI "#model")].second, path);
 }
 
 std::size_t threadsOfThisProcess() {

@@ -52,6 +52,8 @@ LiveEngine::LiveEngine(std::shared_ptr<IInference> backend, LiveSettings setting
 void LiveEngine::reset() {
     // Every frame is handed out, none held back for a neighbour: the engine
     // picks the frames it delivers itself.
+    // The old state goes first, so that its memory can serve the new one.
+    analysis_.reset();
     analysis_ = std::make_unique<PreProcessor>(kAudioChannels, kFftSize, kHop, window_, backend_, frames_, false,
                                                kStemCount);
     synthesis_.clear();

@@ -40,14 +40,18 @@ ModelRequests ModelMessages::read(const LV2_Atom_Sequence* control) const {
     return requests;
 }
 
-void ModelMessages::write(LV2_Atom_Sequence* notify, std::string_view path) {
-    if (notify == nullptr) return;
-    // The host states the room it gives in the sequence's size.
-    lv2_atom_forge_set_buffer(&forge_, reinterpret_cast<std::uint8_t*>(notify),
-                              sizeof(LV2_Atom) + notify->atom.size);
+bool ModelMessages::write(LV2_Atom_Sequence* notify, std::string_view path) {
+    if (notify == nullptr) return true;
+    // The host states the room it gives in the sequence's size. Headers of
+    // the sequence, the event, the object and its two properties take less
+    // than kOverhead bytes besides the path.
+    constexpr std::size_t kOverhead = 128;
+    const std::size_t room = sizeof(LV2_Atom) + notify->atom.size;
+    const bool fits = path.size() + kOverhead <= room;
+    lv2_atom_forge_set_buffer(&forge_, reinterpret_cast<std::uint8_t*>(notify), room);
     LV2_Atom_Forge_Frame sequence;
     lv2_atom_forge_sequence_head(&forge_, &sequence, 0);
-    if (!path.empty()) {
+    if (!path.empty() && fits) {
         LV2_Atom_Forge_Frame object;
         lv2_atom_forge_frame_time(&forge_, 0);
         lv2_atom_forge_object(&forge_, &object, 0, patchSet_);
@@ -58,6 +62,7 @@ void ModelMessages::write(LV2_Atom_Sequence* notify, std::string_view path) {
         lv2_atom_forge_pop(&forge_, &object);
     }
     lv2_atom_forge_pop(&forge_, &sequence);
+    return fits;
 }
 
 }  // namespace tonwerk::lv2

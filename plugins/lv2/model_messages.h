@@ -25,8 +25,9 @@ public:
 
     ModelRequests read(const LV2_Atom_Sequence* control) const;
     // Fills the notify port's sequence: a patch:Set of `path` when it is not
-    // empty, else nothing.
-    void write(LV2_Atom_Sequence* notify, std::string_view path);
+    // empty, else nothing. False when the message did not fit the host's
+    // buffer (it is left empty then).
+    bool write(LV2_Atom_Sequence* notify, std::string_view path);
 
 private:
     LV2_Atom_Forge forge_{};

@@ -16,6 +16,7 @@ struct Job {
     Kind kind;
     SlotShape shape;
     LiveSlot* slot;  // owned by the receiver; null for a build request or a failed build
+    std::uint64_t epoch;
     std::uint32_t pathLength;
 };
 
@@ -58,7 +59,7 @@ LV2_Worker_Status work(LV2_Handle instance, LV2_Worker_Respond_Function respond,
         return LV2_WORKER_SUCCESS;
     }
     try {
-        job.slot = plugin(instance).buildSlot(job.shape, std::string(path)).release();
+        job.slot = plugin(instance).buildSlot(job.shape, std::string(path), job.epoch).release();
     } catch (const std::exception& e) {
         plugin(instance).log().error(std::string(e.what()) + "; keeping the model session in use");
     }
@@ -72,14 +73,7 @@ LV2_Worker_Status workResponse(LV2_Handle instance, std::uint32_t size, const vo
     Job job{};
     std::string_view path;
     if (!readJob(size, data, job, path)) return LV2_WORKER_ERR_UNKNOWN;
-    LiveSlot* replaced = plugin(instance).finishReload(job.slot, job.shape);
-    if (replaced == nullptr) return LV2_WORKER_SUCCESS;
-    if (!path.empty()) plugin(instance).modelChanged(path);
-    const LV2_Worker_Schedule* schedule = plugin(instance).host().schedule;
-    const Job discard{Job::Kind::discard, {}, replaced, 0};
-    if (schedule->schedule_work(schedule->handle, sizeof discard, &discard) != LV2_WORKER_SUCCESS) {
-        delete replaced;  // the host's queue is full: freed here, late, rather than lost
-    }
+    plugin(instance).freeLater(plugin(instance).finishReload(job.slot, job.shape, job.epoch, path));
     return LV2_WORKER_SUCCESS;
 }
 
@@ -87,13 +81,15 @@ const LV2_Worker_Interface kWorkerInterface = {work, workResponse, nullptr};
 
 }  // namespace
 
-bool scheduleBuild(const LV2_Worker_Schedule& schedule, SlotShape shape) {
-    return scheduleModel(schedule, shape, {});
+bool scheduleBuild(const LV2_Worker_Schedule& schedule, SlotShape shape, std::string_view path,
+                   std::uint64_t epoch) {
+    const JobWithPath message = jobFor(Job{Job::Kind::build, shape, nullptr, epoch, 0}, path);
+    return schedule.schedule_work(schedule.handle, sizeOf(message.job), &message) == LV2_WORKER_SUCCESS;
 }
 
-bool scheduleModel(const LV2_Worker_Schedule& schedule, SlotShape shape, std::string_view path) {
-    const JobWithPath message = jobFor(Job{Job::Kind::build, shape, nullptr, 0}, path);
-    return schedule.schedule_work(schedule.handle, sizeOf(message.job), &message) == LV2_WORKER_SUCCESS;
+bool scheduleDiscard(const LV2_Worker_Schedule& schedule, LiveSlot* slot) {
+    const Job discard{Job::Kind::discard, {}, slot, 0, 0};
+    return schedule.schedule_work(schedule.handle, sizeof discard, &discard) == LV2_WORKER_SUCCESS;
 }
 
 const LV2_Worker_Interface* workerInterface() {

@@ -12,12 +12,15 @@
 
 namespace tonwerk::lv2 {
 
-// On the audio thread: asks for a slot of `shape`. False when the host
-// refused the job.
-bool scheduleBuild(const LV2_Worker_Schedule& schedule, SlotShape shape);
-// The same on the model at `path` (shorter than kMaxPath), which becomes
-// the chosen one once it loads.
-bool scheduleModel(const LV2_Worker_Schedule& schedule, SlotShape shape, std::string_view path);
+// On the audio thread: asks for a slot of `shape` on the chosen model, or
+// on the model at `path` (shorter than kMaxPath), which becomes the chosen
+// one. `epoch` is the plugin's model epoch: a restore in between makes the
+// answer stale. False when the host refused the job.
+bool scheduleBuild(const LV2_Worker_Schedule& schedule, SlotShape shape, std::string_view path,
+                   std::uint64_t epoch);
+// On the audio thread: hands `slot` to the worker to be freed. False when
+// the host refused the job.
+bool scheduleDiscard(const LV2_Worker_Schedule& schedule, LiveSlot* slot);
 
 const LV2_Worker_Interface* workerInterface();
 

@@ -28,7 +28,12 @@ void StemsPlugin::useModel(const std::string& path) {
     slot_ = std::make_unique<LiveSlot>(readModelFile(path.empty() ? bundleModel_ : path), slot_->shape, rate_,
                                        offline_);
     chosenModel_ = path;
+    ++modelEpoch_;
     modelChanged(path.empty() ? bundleModel_ : path);
+}
+
+StemsPlugin::~StemsPlugin() {
+    delete toFree_;
 }
 
 std::string StemsPlugin::chosenModel() const {
@@ -36,8 +41,9 @@ std::string StemsPlugin::chosenModel() const {
     return chosenModel_;
 }
 
-std::unique_ptr<LiveSlot> StemsPlugin::buildSlot(SlotShape shape, const std::string& path) {
+std::unique_ptr<LiveSlot> StemsPlugin::buildSlot(SlotShape shape, const std::string& path, std::uint64_t epoch) {
     const std::lock_guard<std::mutex> lock(modelMutex_);
+    if (epoch != modelEpoch_) return nullptr;
     const std::string& file = !path.empty() ? path : chosenModel_.empty() ? bundleModel_ : chosenModel_;
     auto slot = std::make_unique<LiveSlot>(readModelFile(file), shape, rate_, false);
     if (!path.empty()) chosenModel_ = path;
@@ -51,16 +57,28 @@ void StemsPlugin::modelChanged(std::string_view path) {
     notifyPending_ = true;
 }
 
-LiveSlot* StemsPlugin::finishReload(LiveSlot* fresh, SlotShape shape) {
+LiveSlot* StemsPlugin::finishReload(LiveSlot* fresh, SlotShape shape, std::uint64_t epoch, std::string_view path) {
     reloadPending_ = false;
+    if (epoch != modelEpoch_) return fresh;  // a restore came in between: its model stays
     if (fresh == nullptr) {
-        failed_ = shape;
+        if (path.empty()) failed_ = shape;
         return nullptr;
     }
     LiveSlot* replaced = slot_.release();
     slot_.reset(fresh);
     slot_->adapter.setOffline(offline_);
+    if (!path.empty()) modelChanged(path);
     return replaced;
+}
+
+void StemsPlugin::freeLater(LiveSlot* slot) {
+    if (slot == nullptr) return;
+    if (toFree_ == nullptr && host_.schedule != nullptr && scheduleDiscard(*host_.schedule, slot)) return;
+    if (toFree_ != nullptr) {
+        delete slot;  // a second one while the host's queue stays full: late, rather than lost
+        return;
+    }
+    toFree_ = slot;
 }
 
 void StemsPlugin::connect(std::uint32_t port, void* data) {
@@ -77,7 +95,7 @@ void StemsPlugin::activate() {
     const SlotShape wanted = wantedShape();
     if (host_.schedule == nullptr && wanted != slot_->shape) {
         try {
-            slot_ = buildSlot(wanted);
+            slot_ = buildSlot(wanted, "", modelEpoch_);
             slot_->adapter.setOffline(offline_);
         } catch (const std::exception& e) {
             log_.error(std::string(e.what()) + "; keeping the model session in use");
@@ -99,12 +117,21 @@ SlotShape StemsPlugin::wantedShape() const {
 }
 
 // A model load takes far too long for the audio thread: the host's worker
-// builds the new slot and finishReload() swaps it in.
-void StemsPlugin::requestShape() {
+// builds the new slot and finishReload() swaps it in. One build at a time;
+// a model the host chose goes with the shape wanted now.
+void StemsPlugin::requestReload() {
+    if (reloadPending_ || host_.schedule == nullptr) return;
     const SlotShape wanted = wantedShape();
-    if (wanted == slot_->shape || wanted == failed_ || reloadPending_ || host_.schedule == nullptr) return;
-    failed_ = SlotShape{0, 0};  // asked for something else now: a failed shape may be tried again later
-    reloadPending_ = scheduleBuild(*host_.schedule, wanted);
+    const bool reshape = wanted != slot_->shape && wanted != failed_;
+    if (!reshape && requestedLength_ == 0) return;
+    if (reshape) failed_ = SlotShape{0, 0};  // asked for something else now: a failed shape may be tried again later
+    // Pending before the call: a host may run the job, and answer it, within it.
+    reloadPending_ = true;
+    if (scheduleBuild(*host_.schedule, wanted, std::string_view(requestedPath_.data(), requestedLength_), modelEpoch_)) {
+        requestedLength_ = 0;
+    } else {
+        reloadPending_ = false;
+    }
 }
 
 void StemsPlugin::run(std::uint32_t frames) {
@@ -115,8 +142,11 @@ void StemsPlugin::run(std::uint32_t frames) {
     if (!offline_ && frames > slot_->shape.maxBlock) {
         longestBlock_ = std::min(std::max(longestBlock_, frames), kLargestMaxBlock);
     }
-    requestShape();
     readMessages();
+    requestReload();
+    if (toFree_ != nullptr && host_.schedule != nullptr && scheduleDiscard(*host_.schedule, toFree_)) {
+        toFree_ = nullptr;
+    }
     for (std::uint32_t at = 0; at < frames;) {
         const std::uint32_t piece = std::min(frames - at, slot_->shape.maxBlock);
         runPiece(at, piece);
@@ -131,12 +161,15 @@ void StemsPlugin::run(std::uint32_t frames) {
 void StemsPlugin::readMessages() {
     if (!messages_) return;
     const ModelRequests requests = messages_->read(control_);
-    if (!requests.path.empty() && requests.path.size() < kMaxPath && host_.schedule != nullptr) {
-        scheduleModel(*host_.schedule, slot_->shape, requests.path);
+    if (!requests.path.empty() && requests.path.size() < kMaxPath) {
+        std::copy(requests.path.begin(), requests.path.end(), requestedPath_.begin());
+        requestedLength_ = requests.path.size();
     }
     notifyPending_ = notifyPending_ || requests.get;
-    messages_->write(notify_, notifyPending_ ? std::string_view(playingPath_.data()) : std::string_view());
-    notifyPending_ = false;
+    // A message that does not fit the host's buffer waits for the next run.
+    const bool written =
+        messages_->write(notify_, notifyPending_ ? std::string_view(playingPath_.data()) : std::string_view());
+    notifyPending_ = notifyPending_ && !written;
 }
 
 void StemsPlugin::readControls() {

@@ -19,13 +19,17 @@
 
 namespace tonwerk::lv2 {
 
-// The longest model path a patch message may carry.
-constexpr std::size_t kMaxPath = 4096;
+// The longest model path a patch message may carry, with its end: short
+// enough for a worker job to fit the queues hosts give the worker.
+constexpr std::size_t kMaxPath = 2048;
 
 class StemsPlugin {
 public:
     // Loads the bundle's model; throws when it cannot.
     StemsPlugin(std::string bundleModel, double sampleRate, const HostFeatures& host);
+    ~StemsPlugin();
+    StemsPlugin(const StemsPlugin&) = delete;
+    StemsPlugin& operator=(const StemsPlugin&) = delete;
 
     void connect(std::uint32_t port, void* data);
     // Off the audio thread: also applies a changed thread count or block
@@ -45,22 +49,28 @@ public:
     PluginLog& log() { return log_; }
 
     // The host's worker thread: a slot of `shape` on the chosen model, or
-    // on the model at `path` (which becomes the chosen one). Throws when it
-    // does not load.
-    std::unique_ptr<LiveSlot> buildSlot(SlotShape shape, const std::string& path = "");
-    // Between runs on the audio thread: swaps `fresh` in (the stream starts
-    // anew) and returns the slot it replaced, to be freed off the audio
-    // thread. A null `fresh` is a failed build of `shape`, which is not
-    // asked for again until what it was asked for changes.
-    LiveSlot* finishReload(LiveSlot* fresh, SlotShape shape);
-    // Between runs on the audio thread, after finishReload() took a slot on
-    // the model at `path`: the notify port says so at the next run.
-    void modelChanged(std::string_view path);
+    // on the model at `path` (which becomes the chosen one). Null, without
+    // loading, when a restore since `epoch` made the request stale. Throws
+    // when the model does not load.
+    std::unique_ptr<LiveSlot> buildSlot(SlotShape shape, const std::string& path = "",
+                                        std::uint64_t epoch = 0);
+    // Between runs on the audio thread: swaps `fresh` (built for `shape`, on
+    // the model at `path` or the chosen one, at `epoch`) in, and returns
+    // the slot to be freed off the audio thread: the one replaced, or
+    // `fresh` itself when a restore made it stale. A null `fresh` is a
+    // failed build; a failed shape is not asked for again until the wanted
+    // one changes.
+    LiveSlot* finishReload(LiveSlot* fresh, SlotShape shape, std::uint64_t epoch, std::string_view path);
+    // On the audio thread: `slot` (null for none) goes to the worker to be
+    // freed, now or, when the host's queue is full, at a later run.
+    void freeLater(LiveSlot* slot);
 
 private:
     SlotShape wantedShape() const;
-    void requestShape();
+    void requestReload();
     void readMessages();
+    // The notify port says at its next chance that the model at `path` is in use.
+    void modelChanged(std::string_view path);
     void readControls();
     void runPiece(std::uint32_t at, std::uint32_t frames);
     void reportStatus();
@@ -70,6 +80,10 @@ private:
     // Read by the worker while restore() may write it; never on the audio thread.
     mutable std::mutex modelMutex_;
     std::string chosenModel_;
+    // Raised by each restore: worker answers from before it are stale.
+    // Written under modelMutex_, between runs; declared before slot_, which
+    // is built with it.
+    std::uint64_t modelEpoch_ = 0;
     HostFeatures host_;
     PluginLog log_;
     bool offline_ = false;
@@ -77,10 +91,14 @@ private:
     // The longest block a real-time run brought: a host that stated none
     // (or a shorter one) gets a slot that takes it whole.
     std::uint32_t longestBlock_ = 0;
-    // A build asked of the worker and not answered yet, and the shape whose
-    // build failed last.
+    // A build asked of the worker and not answered yet, the shape whose
+    // build failed last, a model a host asked for and not yet sent to the
+    // worker, and a slot still to be freed there.
     bool reloadPending_ = false;
     SlotShape failed_{0, 0};
+    std::array<char, kMaxPath> requestedPath_{};
+    std::size_t requestedLength_ = 0;
+    LiveSlot* toFree_ = nullptr;
     // Patch messages, with a URID map only. The path in use as the audio
     // thread knows it, and whether the notify port owes a message.
     std::optional<ModelMessages> messages_;

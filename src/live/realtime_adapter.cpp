@@ -81,7 +81,7 @@ void RealtimeAdapter::reset() {
     droppedBefore_ = 0;
     // A block still held belongs to the old stream; blockFor() drops it.
     playing_ = UINT64_MAX;
-    wetBefore_ = wet_ = wetNext_ = nextDecided_ = false;
+    wetBefore_ = wet_ = wetNext_ = nextDecided_ = sharesDue_ = false;
     held_ = nullptr;
     shares_.fill(0.0F);
     shares_[kResidual] = 1.0F;
@@ -138,7 +138,8 @@ std::size_t RealtimeAdapter::emit(std::uint64_t t, float* const* outputs, std::s
     const std::size_t offset = static_cast<std::size_t>((t - queue) % block());
     if (index != playing_) enterBlock(index);
     const std::size_t tailStart = block() - kFadeFrames;
-    if (offset >= tailStart && !nextDecided_) decideNext();
+    if (offset >= kFadeFrames) takeShares();
+    if (offset >= tailStart && !nextDecided_) decideNext(t);
     // One piece per stretch of one kind: fade-in, body, tail.
     const std::size_t end = offset < kFadeFrames ? kFadeFrames : offset < tailStart ? tailStart : block();
     const std::size_t n = std::min(count, end - offset);
@@ -162,10 +163,20 @@ void RealtimeAdapter::enterBlock(std::uint64_t index) {
     wet_ = followsDecision ? wetNext_ : takeBlock(index);
     playing_ = index;
     nextDecided_ = false;
+    // The input's share-out follows the new block once it no longer
+    // sounds: at once after a model block, after the fade-in after input.
+    sharesDue_ = wet_;
     if (wet_) {
         const float* shares = output_.data(held_) + kOutputs * kAudioChannels * block();
-        std::copy(shares, shares + kShares, shares_.begin());
+        std::copy(shares, shares + kShares, nextShares_.begin());
     }
+    if (wetBefore_) takeShares();
+}
+
+void RealtimeAdapter::takeShares() {
+    if (!sharesDue_) return;
+    shares_ = nextShares_;
+    sharesDue_ = false;
 }
 
 bool RealtimeAdapter::takeBlock(std::uint64_t index) {
@@ -185,7 +196,10 @@ bool RealtimeAdapter::takeBlock(std::uint64_t index) {
     return held_ != nullptr;
 }
 
-void RealtimeAdapter::decideNext() {
+void RealtimeAdapter::decideNext(std::uint64_t t) {
+    // Where the audio thread stands, for the worker, which may hold an
+    // earlier block back until this point has passed.
+    played_.store(mark(generation_, t + 1), std::memory_order_release);
     if (wet_) {
         const float* rows = output_.data(held_);
         const std::size_t from = block() - kFadeFrames;
@@ -227,11 +241,11 @@ void RealtimeAdapter::blend(std::uint64_t t, ModelRows model, std::size_t offset
         const float* dry = dryFrame(t + i);
         const float wet = model.rows == nullptr ? 0.0F : wetness(offset + i);
         for (std::size_t s = 0; s < kOutputs; ++s) {
-            const float* row = model.rows + kAudioChannels * (s * model.frames + model.first + i);
+            const float* row =
+                model.rows == nullptr ? kSilence : model.rows + kAudioChannels * (s * model.frames + model.first + i);
             float* out = outputs[s] + kAudioChannels * (at + i);
             for (std::size_t c = 0; c < kAudioChannels; ++c) {
-                const float fromModel = model.rows == nullptr ? 0.0F : row[c];
-                out[c] = wet * fromModel + (1.0F - wet) * spread[s] * dry[c];
+                out[c] = wet * row[c] + (1.0F - wet) * spread[s] * dry[c];
             }
         }
     }
@@ -282,8 +296,9 @@ void RealtimeAdapter::work() {
 bool RealtimeAdapter::late(const BlockHeader& in) const {
     const std::uint64_t played = played_.load(std::memory_order_acquire);
     if (played >> kFrameBits != (in.generation & kGenerationMask)) return false;
+    // Block 0 is decided on as it starts, the others a fade earlier.
     const std::uint64_t start = queueFrames() + in.index * block();
-    return (played & kFrameMask) > start - std::min<std::uint64_t>(start, kFadeFrames);
+    return (played & kFrameMask) > (in.index == 0 ? start : start - kFadeFrames);
 }
 
 // Offline the audio thread waits for every block, except those a test

@@ -87,9 +87,11 @@ private:
     // Whether the model's block `index` is there to be played, taking it
     // (and waiting for it when offline).
     bool takeBlock(std::uint64_t index);
-    // At the start of the current block's last kFadeFrames: copies them
-    // out, lets the block go, and decides on the next one.
-    void decideNext();
+    // At the start (stream frame `t`) of the current block's last
+    // kFadeFrames: copies them out, lets the block go, and decides on the
+    // next one.
+    void decideNext(std::uint64_t t);
+    void takeShares();
     // The newest model block at or past `index`, dropping older ones.
     BlockHeader* blockFor(std::uint64_t index);
     // How much of the model's output frame `offset` of the current block carries.
@@ -140,7 +142,11 @@ private:
     bool nextDecided_ = false;
     BlockHeader* held_ = nullptr;
     std::vector<float> tail_;
+    // How the input is shared out where the model is missing, and the
+    // playing block's shares, due once its fade-in is over.
     Shares shares_{};
+    Shares nextShares_{};
+    bool sharesDue_ = false;
 
     // The audio thread's generation and position, packed (see mark()), for
     // the worker to tell a late block.

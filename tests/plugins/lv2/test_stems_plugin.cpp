@@ -21,6 +21,7 @@
 
 #include <deque>
 #include <filesystem>
+#include <functional>
 #include <iterator>
 #include <map>
 #include <stdexcept>
@@ -78,8 +79,9 @@ struct Host {
     }
 
     // The worker thread's turn, then the answers' between runs, until no
-    // job is left (an answer may schedule another job).
-    void runJobs() {
+    // job is left (an answer may schedule another job); `between` runs
+    // after the first turn of the worker, before its answers.
+    void runJobs(const std::function<void()>& between = [] {}) {
         while (!jobs.empty()) {
             Jobs answers;
             for (; !jobs.empty(); jobs.pop_front()) {
@@ -88,6 +90,7 @@ struct Host {
                 };
                 ASSERT_EQ(worker->work(instance, respond, &answers, jobs.front().size(), jobs.front().data()), 0);
             }
+            between();
             for (const std::string& answer : answers) {
                 ASSERT_EQ(worker->work_response(instance, answer.size(), answer.data()), 0);
             }
@@ -258,6 +261,16 @@ TEST(StemsPlugin, TakesTheModelAHostSetsAndReportsIt) {
     }
     ASSERT_EQ(host.stateInterface->save(host.instance, store, &host.state, 0, nullptr), 0);
     EXPECT_EQ(host.state[host.urid(TONWERK_LV2_URI "#model")].second, path);
+
+    // A session restored while a chosen model loads wins: the late answer is dropped.
+    host.message(TONWERK_TEST_MODELS_DIR "/flag_gated.onnx");
+    host.run(input, kMaxBlock);
+    host.runJobs([&] {
+        State bundle;
+        ASSERT_EQ(host.stateInterface->restore(host.instance, retrieve, &bundle, 0, nullptr), 0);
+    });
+    host.run(input, kMaxBlock);
+    EXPECT_EQ(host.firstNotice, std::vector<std::string>{TONWERK_LV2_TEST_BUNDLE "model.onnx"});
 }
 
 std::size_t threadsOfThisProcess() {

@@ -12,6 +12,7 @@ namespace {
 constexpr double kZeroCrossings = 16.0;
 constexpr double kKaiserBeta = 7.0;
 constexpr double kPhases = 512.0;
+constexpr double kPi = 3.14159265358979323846;
 
 // The modified Bessel function of the first kind, order 0, by its series.
 double besselI0(double x) {
@@ -51,7 +52,7 @@ SincKernel::SincKernel(double cutoff) : support_(supportFor(cutoff)) {
             table_[j] = 0.0F;
             continue;
         }
-        const double y = M_PI * cutoff * x;
+        const double y = kPi * cutoff * x;
         const double sinc = x == 0.0 ? 1.0 : std::sin(y) / y;
         table_[j] = static_cast<float>(cutoff * sinc * besselI0(kKaiserBeta * std::sqrt(1.0 - u * u)) / norm);
     }

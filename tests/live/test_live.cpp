@@ -21,6 +21,8 @@
 namespace tonwerk::test {
 namespace {
 
+constexpr double kPi = 3.14159265358979323846;  // M_PI is not in every C library (mingw's)
+
 // As in the offline streams: rounding inside the stream; within a frame of
 // its start the step from silence adds more.
 constexpr float kTolerance = static_cast<float>(kStreamInteriorTolerance);
@@ -271,7 +273,7 @@ TEST(LiveAdapter, SwitchesToAndFromTheInputAreCrossfadesThatKeepTheSum) {
     // step by far more than the input ever does.
     std::vector<float> input(2 * (static_cast<std::size_t>(delay) + 16 * kBlock));
     for (std::size_t i = 0; i < input.size(); ++i) {
-        input[i] = 0.3F + 0.1F * static_cast<float>(std::sin(2 * M_PI * 3 * static_cast<double>(i / 2) / 44100 + i % 2));
+        input[i] = 0.3F + 0.1F * static_cast<float>(std::sin(2 * kPi * 3 * static_cast<double>(i / 2) / 44100 + i % 2));
     }
     OutputStreams out;
     stream(adapter, input, 256, out, 5);
@@ -372,7 +374,7 @@ TEST(LiveAdapter, AnyHostRateGivesTheInputBackWithEachFrequencyInItsStem) {
         std::vector<float> input(2 * (static_cast<std::size_t>(delay) + c.rate / 2));
         for (std::size_t i = 0; i < input.size(); ++i) {
             const double t = static_cast<double>(i / 2) / c.rate + 0.1 * static_cast<double>(i % 2);
-            input[i] = static_cast<float>(0.4 * std::sin(2 * M_PI * 220 * t) + 0.4 * std::sin(2 * M_PI * c.hertz * t));
+            input[i] = static_cast<float>(0.4 * std::sin(2 * kPi * 220 * t) + 0.4 * std::sin(2 * kPi * c.hertz * t));
         }
         OutputStreams out;
         stream(adapter, input, 512, out, c.rate);

@@ -23,7 +23,7 @@ def test_the_plugin_renders_with_the_host_features(monkeypatch, controls, factor
     tones = np.stack([0.4 * np.sin(2 * np.pi * 220 * t), 0.3 * np.sin(2 * np.pi * 331 * t + 1)]).astype(np.float32)
     plugin = Plugin("urn:tonwerk:stems", 44100)
     try:
-        out = plugin.process(tones, {"offline": 1, **controls})
+        out = plugin.process(tones, {"freewheel": 1, **controls})  # a render: the plugin waits for the model
     finally:
         plugin.close()
     expected = factor * np.pad(tones, ((0, 0), (LATENCY, 0)))[:, :t.size]

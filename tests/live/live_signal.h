@@ -7,6 +7,10 @@
 
 #include <array>
 #include <cstddef>
+#include <chrono>
+#include <filesystem>
+#include <iterator>
+#include <thread>
 #include <vector>
 
 namespace tonwerk::test {
@@ -37,5 +41,27 @@ struct OutputStreams {
     // Sample i of `output` (interleaved index), 0 for the time before the stream.
     float at(int output, long i) const { return i < 0 ? 0.0F : streams[output][static_cast<std::size_t>(i)]; }
 };
+
+#if defined(__linux__)
+// Threads this process runs now: ONNX Runtime's helpers show which model
+// sessions exist and how many threads they were given.
+inline std::size_t threadsOfThisProcess() {
+    return static_cast<std::size_t>(std::distance(std::filesystem::directory_iterator("/proc/self/task"),
+                                                  std::filesystem::directory_iterator()));
+}
+
+// A joined thread leaves the task list a moment after its join returns:
+// where threads have just ended, the count settles at `expected` on a
+// healthy tree, at whatever pace; the last count, after at most 10 s.
+inline std::size_t threadsSettlingAt(std::size_t expected) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    std::size_t count = threadsOfThisProcess();
+    while (count != expected && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        count = threadsOfThisProcess();
+    }
+    return count;
+}
+#endif
 
 }  // namespace tonwerk::test

@@ -7,21 +7,18 @@
 #include "identity_stream_check.h"
 #include "live_signal.h"
 #include "test_models.h"
+#include "test_support.h"
 #include "tonwerk/tonwerk_live.hpp"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cmath>
-#include <filesystem>
-#include <iterator>
 #include <random>
 #include <string>
 
 namespace tonwerk::test {
 namespace {
-
-constexpr double kPi = 3.14159265358979323846;  // M_PI is not in every C library (mingw's)
 
 // As in the offline streams: rounding inside the stream; within a frame of
 // its start the step from silence adds more.
@@ -158,19 +155,15 @@ TEST(LiveSettings, OutOfRangeSettingsAreRefused) {
 }
 
 #if defined(__linux__)
-std::size_t threadsOfThisProcess() {
-    return static_cast<std::size_t>(std::distance(std::filesystem::directory_iterator("/proc/self/task"),
-                                                  std::filesystem::directory_iterator()));
-}
-
 // A live instance must leave the cores to its host: a run on `threads`
 // threads keeps threads - 1 helpers, and one thread keeps none.
 TEST(LiveSettings, AnEngineKeepsOneHelperThreadFewerThanItsThreads) {
     const auto bytes = readModel("identity.onnx");
     const live::Engine warm(bytes);  // the process's first load starts threads of its own
+    std::vector<live::Engine> engines;  // all kept, so that no thread ends while counting
     for (const std::uint32_t threads : {1U, 3U, 2U}) {
         const std::size_t before = threadsOfThisProcess();
-        const live::Engine engine(bytes, withThreads(threads));
+        engines.emplace_back(bytes, withThreads(threads));
         EXPECT_EQ(threadsOfThisProcess() - before, threads - 1) << threads << " threads";
     }
 }

@@ -38,7 +38,12 @@ std::string absoluteModulePath(const std::string& reported) {
 
 // Done once per process (a failed attempt is retried by the next call). The
 // runtime is never unloaded: sessions of other contexts may still live in it.
+// Its builds collect usage data by default: a log file in /tmp, a device id
+// and a database in the user's home, and threads that send it all out. A
+// plugin in a studio must do none of that, so it is switched off before the
+// first environment is made, unless the host has chosen for itself.
 const OrtApi* loadProcessApi() {
+    setenv("ORT_DISABLE_TELEMETRY", "1", 0);
     const OrtApi* api = loadOrtApiBase(ortLibraryPath())->GetApi(kOrtApiVersion);
     Ort::InitApi(api);
     return api;

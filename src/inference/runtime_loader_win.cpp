@@ -31,7 +31,12 @@ std::string systemMessage(DWORD code) {
 
 // Done once per process (a failed attempt is retried by the next call). The
 // runtime is never unloaded: sessions of other contexts may still live in it.
+// Its usage data collection is switched off before the first environment is
+// made, unless the host has chosen for itself.
 const OrtApi* loadProcessApi() {
+    if (GetEnvironmentVariableW(L"ORT_DISABLE_TELEMETRY", nullptr, 0) == 0) {
+        SetEnvironmentVariableW(L"ORT_DISABLE_TELEMETRY", L"1");
+    }
     preloadOrtLibrary(ortLibraryDirectory());
     const OrtApi* api = OrtGetApiBase()->GetApi(kOrtApiVersion);
     Ort::InitApi(api);

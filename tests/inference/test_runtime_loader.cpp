@@ -4,6 +4,8 @@
 #include <gmock/gmock.h>
 
 #include <climits>
+#include <cstdlib>
+#include <filesystem>
 #include <stdexcept>
 #include <unistd.h>
 
@@ -31,6 +33,22 @@ TEST(RuntimeLoader, LooksNextToTheModuleAndFailuresNameTheLibraryAndTheReason) {
     const std::string missing = executableDirectory() + "/no-such-dir/libonnxruntime_pelagrin.so";
     EXPECT_THAT(loadError(missing), AllOf(HasSubstr(missing), HasSubstr("No such file or directory")));
     EXPECT_THAT(loadError("libm.so.6"), AllOf(HasSubstr("libm.so.6"), HasSubstr("OrtGetApiBase")));
+}
+
+// Loading a model in a host process leaves nothing of the runtime's own usage
+// data collection: no device id or database in the home folder, no log in
+// /tmp (and no thread that would send them out).
+TEST(RuntimeLoader, LoadingAModelLeavesNoTraceOutsideTheProcess) {
+    unsetenv("ORT_DISABLE_TELEMETRY");  // a host that has not chosen
+    const std::filesystem::path home = std::filesystem::temp_directory_path() /
+                                       ("tonwerk-home-" + std::to_string(getpid()));
+    std::filesystem::create_directories(home);
+    setenv("HOME", home.c_str(), 1);
+    const auto backend = test::identityBackend();
+    const bool homeEmpty = std::filesystem::is_empty(home);
+    std::filesystem::remove_all(home);
+    EXPECT_TRUE(homeEmpty);
+    EXPECT_FALSE(std::filesystem::exists("/tmp/mat-debug-" + std::to_string(getpid()) + ".log"));
 }
 
 }  // namespace

@@ -46,25 +46,27 @@ LiveEngine::LiveEngine(std::shared_ptr<IInference> backend, LiveSettings setting
     recent_ = xt::xtensor<float, 2>::from_shape({kAudioChannels, kFftSize - kHop + blockFrames()});
     delayed_ = xt::xtensor<float, 2>::from_shape({kAudioChannels, latencyFrames() + blockFrames()});
     rows_ = xt::xtensor<float, 3>::from_shape({kStemCount + 1, kAudioChannels, blockFrames()});
+    // Every frame is handed out, none held back for a neighbour: the engine
+    // picks the frames it delivers itself.
+    analysis_ = std::make_unique<PreProcessor>(kAudioChannels, kFftSize, kHop, window_, backend_, frames_, false,
+                                               kStemCount);
+    for (std::size_t s = 0; s < kStemCount; ++s) {
+        synthesis_.push_back(std::make_unique<OverlapAddSynthesizer>(kAudioChannels, kFftSize, kHop, window_));
+    }
     reset();
 }
 
 void LiveEngine::reset() {
-    // Every frame is handed out, none held back for a neighbour: the engine
-    // picks the frames it delivers itself.
-    // The old state goes first, so that its memory can serve the new one.
-    analysis_.reset();
-    analysis_ = std::make_unique<PreProcessor>(kAudioChannels, kFftSize, kHop, window_, backend_, frames_, false,
-                                               kStemCount);
-    synthesis_.clear();
-    std::vector<float> discarded(kAudioChannels * kHop);
-    for (std::size_t s = 0; s < kStemCount; ++s) {
-        synthesis_.push_back(std::make_unique<OverlapAddSynthesizer>(kAudioChannels, kFftSize, kHop, window_));
-        // The silence before the stream, as frames: without them the first
-        // samples would be divided by the tail of a single window, which
-        // turns rounding noise into bursts.
+    // A reset comes from the worker between blocks; the tens of megabytes of
+    // analysis state are cleared in place rather than made again.
+    analysis_->restart();
+    // The silence before the stream, as frames: without them the first
+    // samples would be divided by the tail of a single window, which turns
+    // rounding noise into bursts. They also carry out what an overlap-add
+    // still held of an earlier stream.
+    for (auto& synthesis : synthesis_) {
         for (std::size_t f = 0; f + kHop < kFftSize; f += kHop) {
-            synthesis_.back()->processStagedFrame(true, discarded.data(), kHop, 0, kHop);
+            synthesis->processStagedFrame(true, rows_.data(), kHop, 0, kHop);  // rows_ as scratch
         }
     }
     recent_.fill(0.0F);

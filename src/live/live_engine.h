@@ -56,7 +56,8 @@ public:
     // the stems silent and the whole mixture in the residual.
     void process(const float* input, float* const* outputs);
 
-    // Forgets the stream: the next call starts one anew, with silence before it.
+    // Forgets the stream: the next call starts one anew, with silence before
+    // it. Allocates nothing.
     void reset();
 
 private:

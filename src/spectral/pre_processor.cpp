@@ -85,6 +85,12 @@ xt::xarray<float> PreProcessor::process(const xt::xtensor<float, 2>& input, bool
     return packFrames(range.first, range.last);
 }
 
+void PreProcessor::restart() {
+    spectrogram.fill(0.0F);
+    edgeFrames = 0;
+    firstCall = true;
+}
+
 PreProcessor::FrameRange PreProcessor::analyse(const xt::xtensor<float, 2>& input, bool eof) {
     return analyseRows(input.data(), input.shape()[0], input.shape()[1], input.shape()[1], eof);
 }

@@ -15,7 +15,7 @@
 
 namespace tonwerk {
 
-// Not thread-safe; one stream per object (there is no reset).
+// Not thread-safe; one stream at a time.
 class PreProcessor {
 public:
     PreProcessor(std::uint64_t channelCount, std::uint64_t fftSize, std::uint64_t hopSize, std::vector<float> window,
@@ -55,6 +55,11 @@ public:
     // True when every value of that frame is +0 or -0: the model left it
     // silent (as it leaves stems that are not selected).
     bool frameSilent(std::uint64_t output, std::uint64_t slot) const;
+
+    // Starts a new stream in the same memory: the spectrogram is silent again
+    // and nothing is held back, as in a new object. For live use, where a
+    // new object would mean tens of megabytes allocated again.
+    void restart();
 
     // Longest input whose frames fit together with the held edge frames.
     std::uint64_t maxInputLength() const;

@@ -54,6 +54,15 @@ void expectDelayedIdentity(const std::vector<float>& input, const OutputStreams&
     }
 }
 
+// The input's whole blocks through the engine, one call each.
+void streamBlocks(live::Engine& engine, const std::vector<float>& input, OutputStreams& out) {
+    const std::size_t block = engine.blockFrames();
+    for (std::size_t at = 0; at + block <= input.size() / 2; at += block) {
+        engine.process(input.data() + 2 * at, out.prepare(block));
+        out.keep();
+    }
+}
+
 struct EngineCase {
     std::uint32_t update;
     std::uint32_t lookahead;
@@ -75,19 +84,13 @@ TEST_P(LiveEngine, GivesTheInputBackAfterItsReportedLatency) {
     const std::size_t blocks = (latency.total + 3 * 4096) / block + 1;
     const std::vector<float> input = tones(blocks * block, c.update);
     OutputStreams out;
-    for (std::size_t b = 0; b < blocks; ++b) {
-        engine.process(input.data() + 2 * b * block, out.prepare(block));
-        out.keep();
-    }
+    streamBlocks(engine, input, out);
     expectDelayedIdentity(input, out, static_cast<long>(latency.total));
 
     // After a reset the stream starts again from silence.
     engine.reset();
     OutputStreams again;
-    for (std::size_t b = 0; b < blocks; ++b) {
-        engine.process(input.data() + 2 * b * block, again.prepare(block));
-        again.keep();
-    }
+    streamBlocks(engine, input, again);
     EXPECT_EQ(again.streams, out.streams);
 }
 
@@ -103,10 +106,7 @@ TEST(LiveEngine, StemsLeftOutStayInTheResidual) {
     const std::size_t block = engine.blockFrames();
     const std::vector<float> input = tones(8 * block, 7);
     OutputStreams out;
-    for (std::size_t b = 0; b < 8; ++b) {
-        engine.process(input.data() + 2 * b * block, out.prepare(block));
-        out.keep();
-    }
+    streamBlocks(engine, input, out);
     const long delay = static_cast<long>(engine.latency().total);
     for (long i = 0; i < static_cast<long>(input.size()); ++i) {
         const float expected = i < 2 * delay ? 0.0F : input[static_cast<std::size_t>(i - 2 * delay)];

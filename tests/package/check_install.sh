@@ -22,7 +22,7 @@ for file in lib/libtonwerk_proc_multistem.so.0 lib/libtonwerk_c.so.0 lib/libtonw
             include/tonwerk/tonwerk_live.h include/tonwerk/tonwerk_live.hpp \
             lib/cmake/Tonwerk/TonwerkConfig.cmake lib/cmake/Tonwerk/TonwerkConfigVersion.cmake \
             lib/pkgconfig/tonwerk.pc lib/pkgconfig/tonwerk_c.pc bin/tonwerk-separate bin/tonwerk-model \
-            share/tonwerk/models/tonwerk-dsp-baseline.onnx share/tonwerk/models/tonwerk-stems-cpu.onnx; do
+            share/tonwerk/models/tonwerk-dsp-baseline.onnx share/tonwerk/models/tonwerk-stems.onnx; do
   [ -e "$prefix/$file" ] || fail "$file is not installed"
 done
 # Moved after installing: nothing may point back into the build or the first prefix.

@@ -27,7 +27,7 @@ const char* const separateUsage =
     "                       {input}/{stem} otherwise; .wav/.flac/.ogg/.mp3 at the end sets the format\n"
     "  --model MODEL        separation model: a file, or the name of one that comes with this\n"
     "                       program (in models/ beside it, or ../share/tonwerk/models/ once\n"
-    "                       installed), such as tonwerk-stems-cpu; default: " TONWERK_DEFAULT_MODEL "\n"
+    "                       installed), such as tonwerk-dsp-baseline; default: " TONWERK_DEFAULT_MODEL "\n"
     "  --key KEY            the model file is scrambled with KEY\n"
     "  --stems LIST         comma-separated stems to ask the model for (default: all six, or the\n"
     "                       model stems of --stems-out when that names neither residual nor mix)\n"

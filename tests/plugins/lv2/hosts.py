@@ -8,7 +8,7 @@
 # jalv runs BUNDLE on JACK's dummy driver for SECONDS: the plugin must report
 # the adapter's latency and an underrun count. How many underruns a busy
 # machine causes is the live benchmark's business, never a reason to fail.
-# A bundle with presets runs its trained model's: the plugin must say that it
+# A bundle with presets runs the baseline's: the plugin must say that it
 # separates with that file of the bundle.
 import os
 import re
@@ -77,7 +77,7 @@ def realtime(env, work, seconds, bundle):
         # control outputs.
         jalv = start("jalv", URI, stdin=subprocess.PIPE, text=True)
         if presets:  # jalv reads them in with its list
-            jalv.stdin.write("presets\npreset %s#preset-trained\n" % URI)
+            jalv.stdin.write("presets\npreset %s#preset-baseline\n" % URI)
             jalv.stdin.flush()
         time.sleep(seconds)
         jalv.communicate("monitors\n", timeout=60)
@@ -87,7 +87,7 @@ def realtime(env, work, seconds, bundle):
     reported, underruns = float(printed.get("latency", "nan")), float(printed.get("underruns", "nan"))
     print("jalv, %g s: latency %g, underruns %g" % (seconds, reported, underruns))
     # jalv states its JACK period as the longest block.
-    chosen = not presets or "separating with %s/tonwerk-stems-live.onnx" % bundle in text
+    chosen = not presets or "separating with %s/tonwerk-dsp-baseline.onnx" % bundle in text
     return [] if reported == latency(block) and underruns >= 0 and chosen else [text[-3000:]]
 
 

@@ -58,7 +58,7 @@ if [ "$kind" = core ]; then
   count=14  # constructors and destructors appear twice (complete and base object)
 elif [ "$kind" = live ]; then
   pattern='^tw_live_[a-z_]+$'
-  expected=(tw_live_default_settings tw_live_last_error tw_live_engine_create tw_live_engine_destroy
+  expected=(tw_live_settings_init tw_live_last_error tw_live_engine_create tw_live_engine_destroy
             tw_live_engine_latency tw_live_engine_block_frames tw_live_engine_process tw_live_engine_reset
             tw_live_adapter_create tw_live_adapter_destroy tw_live_adapter_latency tw_live_adapter_process
             tw_live_adapter_reset tw_live_adapter_set_offline tw_live_adapter_underruns)

@@ -105,7 +105,13 @@
 extern "C" {
 #endif
 
+/* Fill it with tw_live_default_settings and change what you need: the
+ * library reads `size` to know which version of this record the host was
+ * compiled with. Later versions only add fields at the end and give a host
+ * that passes a smaller record the defaults for them, so a host keeps
+ * working with a newer library. */
 typedef struct tw_live_settings {
+    uint32_t size;      /* sizeof(tw_live_settings) as the host was compiled; tw_live_default_settings sets it */
     uint32_t stem_mask; /* TW_STEM_* bits: the stems to ask the model for */
     uint32_t update;    /* hops (1024 frames) of new input per model run, 1..256 */
     uint32_t lookahead; /* frames of future context, 0..F - update (F: the model's frames, 256 or fewer) */
@@ -129,8 +135,11 @@ typedef struct tw_live_engine tw_live_engine;
 typedef struct tw_live_adapter tw_live_adapter;
 
 /* All stems, update 4, lookahead 4, max_block 512, real time, one thread,
- * CPU only, 44100 Hz. */
-TW_LIVE_API void tw_live_default_settings(tw_live_settings* settings);
+ * CPU only, 44100 Hz. The macro passes the record's size as the host was
+ * compiled, so the library never writes past it; call the function itself
+ * only from bindings that state the size of their own record. */
+TW_LIVE_API void tw_live_settings_init(tw_live_settings* settings, size_t size);
+#define tw_live_default_settings(settings) tw_live_settings_init((settings), sizeof *(settings))
 
 /* The calling thread's message of its last failed call ("" if none). */
 TW_LIVE_API const char* tw_live_last_error(void);

@@ -61,7 +61,7 @@ def _declare(lib):
 
 
 class LiveSettings(ctypes.Structure):
-    _fields_ = [("stem_mask", ctypes.c_uint32), ("update", ctypes.c_uint32), ("lookahead", ctypes.c_uint32),
+    _fields_ = [("size", ctypes.c_uint32), ("stem_mask", ctypes.c_uint32), ("update", ctypes.c_uint32), ("lookahead", ctypes.c_uint32),
                 ("max_block", ctypes.c_uint32), ("offline", ctypes.c_int), ("threads", ctypes.c_uint32),
                 ("gpu", ctypes.c_int), ("sample_rate", ctypes.c_uint32)]
 
@@ -74,7 +74,7 @@ def _declare_live(lib):
     outputs = ctypes.POINTER(ctypes.POINTER(ctypes.c_float))
     signatures = {
         "tw_live_last_error": (ctypes.c_char_p, []),
-        "tw_live_default_settings": (None, [ctypes.POINTER(LiveSettings)]),
+        "tw_live_settings_init": (None, [ctypes.POINTER(LiveSettings), ctypes.c_size_t]),
         "tw_live_engine_create": (ctypes.c_int, [ctypes.c_void_p, ctypes.c_size_t, ctypes.POINTER(LiveSettings),
                                                  ctypes.POINTER(ctypes.c_void_p)]),
         "tw_live_engine_destroy": (None, [ctypes.c_void_p]),

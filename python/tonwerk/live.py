@@ -30,7 +30,7 @@ class LiveSeparator:
         self._lib = _library.load_live()
         data = separator.model_bytes(model)
         settings = _library.LiveSettings()
-        self._lib.tw_live_default_settings(ctypes.byref(settings))
+        self._lib.tw_live_settings_init(ctypes.byref(settings), ctypes.sizeof(settings))
         settings.stem_mask, settings.update, settings.lookahead = _stem_mask(stems), update, lookahead
         settings.threads = threads
         handle = ctypes.c_void_p()

@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <functional>
 #include <memory>
 #include <sstream>
@@ -41,11 +42,29 @@ tonwerk::StemFlags stemFlags(std::uint32_t mask) {
     return flags;
 }
 
+// The smallest record a host may pass: the first one that carried its size.
+// A version that adds fields keeps this and gives older hosts the defaults.
+constexpr std::size_t kOldestSettingsSize = sizeof(tw_live_settings);
+
+tw_live_settings fromHost(const tw_live_settings& given) {
+    if (given.size < kOldestSettingsSize || given.size > sizeof(tw_live_settings)) {
+        throw std::invalid_argument("live: settings.size is " + std::to_string(given.size) + ", this library reads " +
+                                    std::to_string(kOldestSettingsSize) + " to " +
+                                    std::to_string(sizeof(tw_live_settings)) +
+                                    " bytes: fill the settings with tw_live_default_settings first");
+    }
+    tw_live_settings settings;
+    tw_live_default_settings(&settings);
+    std::memcpy(&settings, &given, given.size);
+    settings.size = sizeof(tw_live_settings);
+    return settings;
+}
+
 // Checks everything before the model loads, which takes a while.
 tw_live_settings checkedSettings(const tw_live_settings* given) {
     tw_live_settings settings;
     tw_live_default_settings(&settings);
-    if (given != nullptr) settings = *given;
+    if (given != nullptr) settings = fromHost(*given);
     if (const std::string problem = tonwerk::capi::stemMaskProblem(settings.stem_mask); !problem.empty()) {
         throw std::invalid_argument(problem);
     }
@@ -132,8 +151,14 @@ struct tw_live_adapter {
 
 extern "C" {
 
-void tw_live_default_settings(tw_live_settings* settings) {
-    if (settings != nullptr) *settings = tw_live_settings{TW_STEMS_ALL, 4, 4, 512, 0, 1, 0, tonwerk::HostRateAdapter::kModelRate};
+void tw_live_settings_init(tw_live_settings* settings, size_t size) {
+    if (settings == nullptr) return;
+    const tw_live_settings defaults{sizeof(tw_live_settings), TW_STEMS_ALL, 4, 4, 512, 0, 1, 0,
+                                    tonwerk::HostRateAdapter::kModelRate};
+    // A host built against an older header has a smaller record: fill just that.
+    const std::size_t filled = std::min(size, sizeof(tw_live_settings));
+    std::memcpy(settings, &defaults, filled);
+    if (filled >= sizeof(settings->size)) settings->size = static_cast<std::uint32_t>(filled);
 }
 
 const char* tw_live_last_error(void) {

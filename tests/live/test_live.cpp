@@ -14,6 +14,8 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstddef>
+#include <cstring>
 #include <random>
 #include <string>
 
@@ -124,6 +126,12 @@ tw_live_settings withThreads(std::uint32_t threads, int gpu = 0) {
     return settings;
 }
 
+tw_live_settings withSize(std::uint32_t size) {
+    tw_live_settings settings = live::defaultSettings();
+    settings.size = size;
+    return settings;
+}
+
 struct RefusedCase {
     tw_live_settings settings;
     const char* message;
@@ -141,6 +149,10 @@ TEST(LiveSettings, OutOfRangeSettingsAreRefused) {
         {noMask, "stem_mask 64 has bits outside TW_STEMS_ALL (63)"},
         {withThreads(0), "live: threads must be between 1 and 64, got 0"},
         {withThreads(65), "live: threads must be between 1 and 64, got 65"},
+        {withSize(0), "live: settings.size is 0, this library reads 36 to 36 bytes: fill the settings with "
+                      "tw_live_default_settings first"},
+        {withSize(40), "live: settings.size is 40, this library reads 36 to 36 bytes: fill the settings with "
+                       "tw_live_default_settings first"},
         {settingsOf(4, 93), "live: lookahead 93 and update 4 together exceed the model's 96 frames",
          "identity_short.onnx"},
     };
@@ -152,6 +164,18 @@ TEST(LiveSettings, OutOfRangeSettingsAreRefused) {
         EXPECT_EQ(adapter, nullptr);
         EXPECT_EQ(tw_live_last_error(), std::string("tw_live_adapter_create: ") + c.message);
     }
+}
+
+// A host compiled against an older header has a smaller record, and the
+// library must not write past it.
+TEST(LiveSettings, DefaultsFillOnlyTheRecordTheHostHas) {
+    std::vector<unsigned char> record(sizeof(tw_live_settings) + 8, 0xab);
+    tw_live_settings_init(reinterpret_cast<tw_live_settings*>(record.data()), 8);
+    std::uint32_t head[2];
+    std::memcpy(head, record.data(), sizeof head);
+    EXPECT_EQ(head[0], 8u);
+    EXPECT_EQ(head[1], std::uint32_t{TW_STEMS_ALL});
+    EXPECT_EQ(std::count(record.begin() + 8, record.end(), 0xab), static_cast<std::ptrdiff_t>(record.size() - 8));
 }
 
 #if defined(__linux__)

@@ -61,9 +61,9 @@ def _declare(lib):
 
 
 class LiveSettings(ctypes.Structure):
-    _fields_ = [("size", ctypes.c_uint32), ("stem_mask", ctypes.c_uint32), ("update", ctypes.c_uint32), ("lookahead", ctypes.c_uint32),
-                ("max_block", ctypes.c_uint32), ("offline", ctypes.c_int), ("threads", ctypes.c_uint32),
-                ("gpu", ctypes.c_int), ("sample_rate", ctypes.c_uint32)]
+    _fields_ = [("size", ctypes.c_uint32), ("stem_mask", ctypes.c_uint32), ("update", ctypes.c_uint32),
+                ("lookahead", ctypes.c_uint32), ("max_block", ctypes.c_uint32), ("offline", ctypes.c_int),
+                ("threads", ctypes.c_uint32), ("gpu", ctypes.c_int), ("sample_rate", ctypes.c_uint32)]
 
 
 class LiveLatency(ctypes.Structure):

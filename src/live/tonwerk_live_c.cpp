@@ -46,25 +46,24 @@ tonwerk::StemFlags stemFlags(std::uint32_t mask) {
 // A version that adds fields keeps this and gives older hosts the defaults.
 constexpr std::size_t kOldestSettingsSize = sizeof(tw_live_settings);
 
-tw_live_settings fromHost(const tw_live_settings& given) {
+// Copies the fields the host's record has over `settings`, which holds the
+// defaults for any the host's header did not have yet.
+void takeFromHost(const tw_live_settings& given, tw_live_settings& settings) {
     if (given.size < kOldestSettingsSize || given.size > sizeof(tw_live_settings)) {
         throw std::invalid_argument("live: settings.size is " + std::to_string(given.size) + ", this library reads " +
                                     std::to_string(kOldestSettingsSize) + " to " +
                                     std::to_string(sizeof(tw_live_settings)) +
                                     " bytes: fill the settings with tw_live_default_settings first");
     }
-    tw_live_settings settings;
-    tw_live_default_settings(&settings);
     std::memcpy(&settings, &given, given.size);
     settings.size = sizeof(tw_live_settings);
-    return settings;
 }
 
 // Checks everything before the model loads, which takes a while.
 tw_live_settings checkedSettings(const tw_live_settings* given) {
     tw_live_settings settings;
     tw_live_default_settings(&settings);
-    if (given != nullptr) settings = fromHost(*given);
+    if (given != nullptr) takeFromHost(*given, settings);
     if (const std::string problem = tonwerk::capi::stemMaskProblem(settings.stem_mask); !problem.empty()) {
         throw std::invalid_argument(problem);
     }

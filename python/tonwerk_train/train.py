@@ -28,7 +28,7 @@ from tonwerk_train.stft import FFT_SIZE, HOP, SEGMENT_FRAMES, istft, stft
 
 # The settings a run keeps from its start, with their defaults.
 SETTINGS = {"preset": "cpu", "epochs": 10, "steps": 200, "batch": 8, "frames": 128, "lr": 1e-3, "seed": 1,
-            "remix": 0.5, "ema": 0.999}
+            "remix": 0.5, "timbre": 0.5, "ema": 0.999}
 WARMUP_STEPS = 100
 
 
@@ -139,9 +139,9 @@ class Average:
 def train_step(model, average, optimizer, cache, config, rng, step, device, lap=lambda phase: None):
     """One optimiser step on one batch; returns the loss. `lap(phase)` is
     called as each phase ends, so a benchmark can time them."""
-    sources, known = batch(cache, config, rng)
+    sources, known, colour = batch(cache, config, rng)
     lap("data")
-    targets = stft(sources.to(device))  # (B, 7, 2, T, BINS)
+    targets = stft(sources.to(device)) * colour.to(device)[:, :, None, None]  # (B, 7, 2, T, BINS)
     mixture = targets.sum(1)
     lap("transform")
     masks = model.masks(mixture.abs())
@@ -214,6 +214,9 @@ def add_arguments(parser):
     parser.add_argument("--frames", type=int, help="STFT frames per training segment (default 128)")
     parser.add_argument("--remix", type=float,
                         help="share of examples whose sources come from different songs (default 0.5)")
+    parser.add_argument("--timbre", type=float,
+                        help="share of examples played back up to 1.5 semitones off, and of sources given a random "
+                             "EQ (a quarter of that share saturated): a few sound banks stand for many (default 0.5)")
     parser.add_argument("--ema", type=float, help="decay per step of the weights' moving average (default 0.999)")
     parser.add_argument("--stop-after", type=int, default=0, metavar="EPOCHS",
                         help="end this invocation after EPOCHS epochs; the same command resumes the run")
@@ -251,7 +254,8 @@ def settings(args, state, start):
     that disagree are refused), else the options over the defaults."""
     given = {name: getattr(args, name) for name in SETTINGS if getattr(args, name) is not None}
     if state:
-        config = {**SETTINGS, **state["config"]}
+        # runs that began before timbre augmentation existed go on without it
+        config = {**SETTINGS, "timbre": 0.0, **state["config"]}
         differ = ["--%s %s" % (name, config[name]) for name, value in given.items() if config[name] != value]
         if differ:
             raise ValueError("%s was started with %s; a resumed run keeps its settings and schedule (train "

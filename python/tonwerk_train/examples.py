@@ -1,10 +1,11 @@
 """Training examples: segments of cached songs, augmented on the fly, in batches.
 
-Timbre augmentation stretches a few sound banks into many: an example may be
-played back a little faster or slower (pitch and formants move together, as
-they do between two sample sets of one instrument), a source may be driven
-into soft saturation, and each source may get its own random EQ curve, which
-is applied to its spectrum by the training step (`colour`).
+Timbre augmentation, when a run asks for it, is meant to stretch a few sound
+banks into more: an example may be played back a little faster or slower
+(pitch and formants move together, as they do between two sample sets of one
+instrument), a source may be driven into soft saturation, and each source may
+get its own random EQ curve, which the training step applies to its spectrum
+(`colour`).
 """
 import numpy as np
 import torch

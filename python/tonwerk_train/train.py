@@ -28,7 +28,7 @@ from tonwerk_train.stft import FFT_SIZE, HOP, SEGMENT_FRAMES, istft, stft
 
 # The settings a run keeps from its start, with their defaults.
 SETTINGS = {"preset": "cpu", "epochs": 10, "steps": 200, "batch": 8, "frames": 128, "lr": 1e-3, "seed": 1,
-            "remix": 0.5, "timbre": 0.5, "ema": 0.999}
+            "remix": 0.5, "timbre": 0.0, "ema": 0.999}
 WARMUP_STEPS = 100
 
 
@@ -216,7 +216,7 @@ def add_arguments(parser):
                         help="share of examples whose sources come from different songs (default 0.5)")
     parser.add_argument("--timbre", type=float,
                         help="share of examples played back up to 1.5 semitones off, and of sources given a random "
-                             "EQ (a quarter of that share saturated): a few sound banks stand for many (default 0.5)")
+                             "EQ (a quarter of that share saturated), so a few sound banks stand for more (default 0: off)")
     parser.add_argument("--ema", type=float, help="decay per step of the weights' moving average (default 0.999)")
     parser.add_argument("--stop-after", type=int, default=0, metavar="EPOCHS",
                         help="end this invocation after EPOCHS epochs; the same command resumes the run")
@@ -254,8 +254,7 @@ def settings(args, state, start):
     that disagree are refused), else the options over the defaults."""
     given = {name: getattr(args, name) for name in SETTINGS if getattr(args, name) is not None}
     if state:
-        # runs that began before timbre augmentation existed go on without it
-        config = {**SETTINGS, "timbre": 0.0, **state["config"]}
+        config = {**SETTINGS, **state["config"]}
         differ = ["--%s %s" % (name, config[name]) for name, value in given.items() if config[name] != value]
         if differ:
             raise ValueError("%s was started with %s; a resumed run keeps its settings and schedule (train "

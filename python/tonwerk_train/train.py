@@ -215,8 +215,9 @@ def add_arguments(parser):
     parser.add_argument("--remix", type=float,
                         help="share of examples whose sources come from different songs (default 0.5)")
     parser.add_argument("--timbre", type=float,
-                        help="share of examples played back up to 1.5 semitones off, and of sources given a random "
-                             "EQ (a quarter of that share saturated), so a few sound banks stand for more (default 0: off)")
+                        help="share of examples played back up to 1.5 semitones off, and of sources given a "
+                             "random EQ (a quarter of that share saturated), so a few sound banks stand for more "
+                             "(default 0: off)")
     parser.add_argument("--ema", type=float, help="decay per step of the weights' moving average (default 0.999)")
     parser.add_argument("--stop-after", type=int, default=0, metavar="EPOCHS",
                         help="end this invocation after EPOCHS epochs; the same command resumes the run")

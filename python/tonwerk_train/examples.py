@@ -11,13 +11,20 @@ import numpy as np
 import torch
 
 from tonwerk_train.model import SOURCES
-from tonwerk_train.stems import STEMS
+from tonwerk_train.stems import SAMPLE_RATE, STEMS
 from tonwerk_train.stft import BINS, FFT_SIZE, HOP
 
 OTHER = len(STEMS)  # row of "other" in the source arrays
-RATE = 44100
 SHIFT_SEMITONES = 1.5  # playback-rate change at most, either way
 EQ_LIMIT_DB = 12.0
+# each STFT bin's frequency in octaves from 1 kHz (DC counted as the first bin)
+OCTAVES = np.log2(np.maximum(np.arange(BINS), 1) * SAMPLE_RATE / FFT_SIZE / 1000.0)
+
+
+def drawn(rng, share):
+    """True with probability `share`; draws nothing when the share is 0, so
+    runs without an augmentation see the same random stream as before it."""
+    return share > 0 and rng.random() < share
 
 
 def retime(audio, length, factor):
@@ -31,9 +38,7 @@ def retime(audio, length, factor):
 
 def playback_rate(rng, timbre):
     """1, or with probability `timbre` a rate up to SHIFT_SEMITONES away."""
-    if not timbre or rng.random() >= timbre:
-        return 1.0
-    return 2 ** (rng.uniform(-SHIFT_SEMITONES, SHIFT_SEMITONES) / 12)
+    return 2 ** (rng.uniform(-SHIFT_SEMITONES, SHIFT_SEMITONES) / 12) if drawn(rng, timbre) else 1.0
 
 
 def saturate(audio, rng):
@@ -45,15 +50,14 @@ def saturate(audio, rng):
 def colour(rng, timbre):
     """(SOURCES, BINS) linear gains over the STFT bins: per source, with
     probability `timbre`, a tilt and two bells on a log-frequency axis."""
-    octaves = np.log2(np.maximum(np.arange(BINS), 1) * RATE / FFT_SIZE / 1000.0)
     gains = np.zeros((SOURCES, BINS))
     for source in range(SOURCES):
-        if not timbre or rng.random() >= timbre:
+        if not drawn(rng, timbre):
             continue
-        curve = rng.uniform(-1.5, 1.5) * octaves
+        curve = rng.uniform(-1.5, 1.5) * OCTAVES
         for _ in range(2):
             centre, width = rng.uniform(-3.3, 3.3), rng.uniform(0.3, 1.5)
-            curve += rng.uniform(-9, 9) * np.exp(-0.5 * ((octaves - centre) / width) ** 2)
+            curve += rng.uniform(-9, 9) * np.exp(-0.5 * ((OCTAVES - centre) / width) ** 2)
         gains[source] = np.clip(curve, -EQ_LIMIT_DB, EQ_LIMIT_DB)
     return (10 ** (gains / 20)).astype(np.float32)
 
@@ -87,7 +91,7 @@ def make_example(cache, length, rng, remix, timbre=0.0):
         audio = cache.segment(pick, source, starts[pick], reads[pick])
         if factors[pick] != 1.0:
             audio = retime(audio, length, factors[pick])
-        if timbre and rng.random() < timbre / 4:
+        if drawn(rng, timbre / 4):
             audio = saturate(audio, rng)
         audio *= 10 ** (rng.uniform(-6, 3) / 20) * (-1 if rng.random() < 0.5 else 1)
         sources[source] = audio[::-1] if rng.random() < 0.5 else audio
@@ -101,7 +105,7 @@ def batch(cache, config, rng):
     """(sources (B, 7, 2, samples), known (B, 6), colour (B, 7, BINS)) as
     tensors: segments of config["frames"] STFT frames."""
     length = (config["frames"] - 1) * HOP + FFT_SIZE
-    timbre = config.get("timbre", 0.0)
+    timbre = config["timbre"]
     examples = [make_example(cache, length, rng, config["remix"], timbre) for _ in range(config["batch"])]
     tint = np.stack([colour(rng, timbre) for _ in examples])
     return (torch.from_numpy(np.stack([e[0] for e in examples])), torch.from_numpy(np.stack([e[1] for e in examples])),

@@ -1,9 +1,9 @@
 """What a wrong loss, a wrong label or wrong data would teach silently:
 sources a song does not label, examples remixed from songs that label
 different stems, sources out of step with each other (also when an example
-is played back faster), a playback rate that moves pitch the wrong way, cache entries mixed
-up between datasets, validation songs that are also training songs, and
-validation that sees only part of a song."""
+is played back faster), a playback rate that moves pitch the wrong way, cache
+entries mixed up between datasets, validation songs that are also training
+songs, and validation that sees only part of a song."""
 import argparse
 
 import numpy as np

@@ -6,14 +6,12 @@ guitar's own signal; it goes in at a guitar's level and comes out through a
 tube model, one of the plugin's tone stacks ("amp styles") and a cabinet,
 with a gain drawn from three families: clean, crunch and high gain.
 """
-import contextlib
 import functools
 import os
-import sys
 
 import numpy as np
 
-from tonwerk_train.lv2_host import Plugin
+from tonwerk_train.lv2_host import Plugin, quiet
 from tonwerk_train.stems import SAMPLE_RATE
 
 URI = "http://guitarix.sourceforge.net/plugins/gx_amp#GUITARIX"
@@ -43,27 +41,9 @@ def draw_settings(rng, tone_stacks):
     return {"gain": family, "controls": controls}
 
 
-@contextlib.contextmanager
-def _quiet():
-    """The plugin and lilv print to the process's descriptors: keep them off the console."""
-    sys.stdout.flush()
-    sys.stderr.flush()
-    saved = [os.dup(1), os.dup(2)]
-    with open(os.devnull, "w") as null:
-        os.dup2(null.fileno(), 1)
-        os.dup2(null.fileno(), 2)
-        try:
-            yield
-        finally:
-            os.dup2(saved[0], 1)
-            os.dup2(saved[1], 2)
-            for descriptor in saved:
-                os.close(descriptor)
-
-
 @functools.lru_cache(maxsize=1)
 def _amp():
-    with _quiet():
+    with quiet():
         return Plugin(URI, SAMPLE_RATE)
 
 
@@ -76,6 +56,6 @@ def play_through_amp(audio, settings):
     mono = audio.mean(0)
     rms = float(np.sqrt(np.mean(mono.astype(np.float64) ** 2))) + 1e-9
     mono = (mono * (10 ** (INPUT_DB / 20) / rms)).astype(np.float32)
-    with _quiet():
+    with quiet():
         out = _amp().process(mono[None], settings["controls"])[0]
     return np.stack([out, out])

@@ -7,13 +7,18 @@ crash without a worker. This host talks to liblilv through ctypes: it
 offers urid:map and urid:unmap, the block sizes and sample rate as options,
 and a worker that does its work at once (offline, nobody waits for the
 audio), connects every control port (defaults, or the values asked for), an
-empty atom sequence to atom inputs and a buffer to atom outputs, and runs
-the plugin over a whole signal in blocks.
+atom sequence to atom inputs (empty, or the MIDI events of the block, so
+instruments play too) and a buffer to atom outputs, and runs the plugin over
+a whole signal in blocks.
 
 Plugins are found by URI among those installed (LV2_PATH as lilv reads it).
 """
+import contextlib
 import ctypes
 import ctypes.util
+import os
+import struct
+import sys
 
 import numpy as np
 
@@ -25,6 +30,7 @@ URID = "http://lv2plug.in/ns/ext/urid#"
 WORKER = "http://lv2plug.in/ns/ext/worker#"
 OPTIONS = "http://lv2plug.in/ns/ext/options#"
 BUFSZ = "http://lv2plug.in/ns/ext/buf-size#"
+MIDI_EVENT = "http://lv2plug.in/ns/ext/midi#MidiEvent"
 
 
 class Feature(ctypes.Structure):
@@ -196,14 +202,27 @@ class Plugin:
         self.instance.contents.descriptor.contents.connect_port(self.instance.contents.handle, index,
                                                                 buffer.ctypes.data)
 
-    def process(self, audio, controls=None):
+    def _fill_sequence(self, buffer, events):
+        """Writes [(frame within the block, MIDI bytes)] into an atom input as
+        one sequence: a header, then each event padded to 8 bytes."""
+        body = bytearray(8)  # the sequence's unit and padding: 0, frames
+        for frame, data in events:
+            body += struct.pack("<qII", frame, len(data), self.urids(MIDI_EVENT)) + data + bytes(-len(data) % 8)
+        if len(body) + 8 > ATOM_CAPACITY:
+            raise ValueError("%d bytes of events in one block do not fit an atom port" % len(body))
+        header = struct.pack("<II", len(body), self.urids(ATOM + "Sequence"))
+        buffer.view(np.uint8)[:len(body) + 8] = np.frombuffer(header + bytes(body), np.uint8)
+
+    def process(self, audio, controls=None, events=()):
         """Runs the plugin over audio (inputs, n) float32; controls: {symbol:
-        value} over the defaults. Returns the outputs (outputs, n)."""
-        controls = controls or {}
+        value} over the defaults; events: [(frame, MIDI bytes)] in frame order
+        for its atom inputs (an instrument takes (0, n) audio). Returns the
+        outputs (outputs, n)."""
+        controls, events = controls or {}, list(events)
         unknown = set(controls) - set(self.ports)
         if unknown:
             raise ValueError("no control ports %s" % sorted(unknown))
-        connected, inputs, outputs, atom_outputs = [], [], [], []  # the plugin points into these until the end
+        connected, inputs, outputs, atom_inputs, atom_outputs = [], [], [], [], []  # the plugin points into these
         sequence, chunk = self.urids(ATOM + "Sequence"), self.urids(ATOM + "Chunk")
         for symbol, (index, kinds, default) in self.ports.items():
             if "control" in kinds:
@@ -211,8 +230,7 @@ class Plugin:
             elif "atom" in kinds:  # an empty sequence in; room for the plugin's messages out
                 buffer = np.zeros(ATOM_CAPACITY // 4, np.uint32)
                 buffer[:2] = (8, sequence)
-                if "output" in kinds:
-                    atom_outputs.append(buffer)
+                (atom_outputs if "output" in kinds else atom_inputs).append(buffer)
             else:
                 buffer = np.zeros(BLOCK, np.float32)
                 (inputs if "input" in kinds else outputs).append(buffer)
@@ -224,8 +242,12 @@ class Plugin:
         if descriptor.activate:  # optional, like deactivate and extension_data
             descriptor.activate(handle)
         out = np.zeros((len(outputs), audio.shape[-1]), np.float32)
+        times = np.array([frame for frame, _ in events], np.int64)
         for start in range(0, audio.shape[-1], BLOCK):
             frames = min(BLOCK, audio.shape[-1] - start)
+            first, end = np.searchsorted(times, [start, start + frames])
+            for buffer in atom_inputs:
+                self._fill_sequence(buffer, [(frame - start, data) for frame, data in events[first:end]])
             for buffer, channel in zip(inputs, audio):
                 buffer[:frames] = channel[start:start + frames]
             for buffer in atom_outputs:  # the host says how much room there is before every run
@@ -244,3 +266,21 @@ class Plugin:
             self.lib.lilv_instance_free(self.instance)
             self.lib.lilv_world_free(self.world)
             self.instance = None
+
+
+@contextlib.contextmanager
+def quiet():
+    """The plugin and lilv print to the process's descriptors: keep them off the console."""
+    sys.stdout.flush()
+    sys.stderr.flush()
+    saved = [os.dup(1), os.dup(2)]
+    with open(os.devnull, "w") as null:
+        os.dup2(null.fileno(), 1)
+        os.dup2(null.fileno(), 2)
+        try:
+            yield
+        finally:
+            os.dup2(saved[0], 1)
+            os.dup2(saved[1], 2)
+            for descriptor in saved:
+                os.close(descriptor)

@@ -3,6 +3,8 @@ Debian's General MIDI sounds, and places each part at a random stereo
 position, width and level, so no mixing convention can be learned. A song's
 drums come from the bank's own kit or from a recorded kit (drum_kits.py),
 its electric guitar mostly through an amp and cabinet (guitar_amp.py), its
+piano from the bank or an instrument plugin (keyboards.py), its acoustic
+guitar from the bank or a plucked-string model (plucked_string.py), its
 vocals mostly sung by a synthetic voice (voices.py) rather than choir pads.
 Most songs are then mixed and mastered (production.py): each part through a
 channel strip of its own, the whole through a mix bus.
@@ -10,7 +12,7 @@ channel strip of its own, the whole through a mix bus.
 Output: OUT/<banks>-<index>/<stem>.flac for all six stems (silent where the
 song has no such part) and other.flac for the parts that belong to no stem,
 the plain folder layout, plus song.json: the bank, drum kit, amp, voice,
-production and tempo the song was made with.
+instruments, production and tempo the song was made with.
 """
 import argparse
 import dataclasses
@@ -24,7 +26,7 @@ import tempfile
 import numpy as np
 import soundfile
 
-from tonwerk_train import drum_kits, guitar_amp, voices
+from tonwerk_train import drum_kits, guitar_amp, keyboards, plucked_string, voices
 from tonwerk_train.composer import DRUM_CHANNEL, compose
 from tonwerk_train.midi_file import write_midi
 from tonwerk_train.production import channel_strip, master
@@ -46,6 +48,8 @@ BANK_KIT_SHARE = 0.25  # of the songs whose drums may come from the bank or a re
 DRUM_KITS = (BANK_KIT, *drum_kits.PACKAGES)
 AMP_STYLES = tuple(str(style) for style in guitar_amp.TONE_STACKS)
 AMP_SHARE = 0.85  # of the electric guitars, when amps are allowed; the rest keep the bank's sound
+# Where a stem's part may come from besides the banks; a song draws one evenly.
+INSTRUMENTS = {"piano": (BANK_KIT, *keyboards.SOURCES), "acoustic_guitar": (BANK_KIT, "plucked")}
 
 
 def pick(listing, catalogue, what):
@@ -61,12 +65,13 @@ def pick(listing, catalogue, what):
     return [name for name in catalogue if name in chosen]
 
 
-def missing_material(kits, amps, sung):
-    """The Debian packages that the drum kits, amps and voices need and that are not installed."""
+def missing_material(kits, amps, sung, pianos=()):
+    """The Debian packages that the drum kits, amps, voices and pianos need and that are not installed."""
     present = lambda kit: os.path.isfile(drum_kits.SOUNDFONT_KITS[kit]) if kit in drum_kits.SOUNDFONT_KITS \
         else os.path.isdir(os.path.join(drum_kits.HYDROGEN_DIR, kit))
     missing = {drum_kits.PACKAGES[kit] for kit in kits if kit != BANK_KIT and not present(kit)}
     missing |= {guitar_amp.PACKAGE} if amps and not guitar_amp.installed() else set()
+    missing |= {keyboards.PACKAGE} if set(pianos) - {BANK_KIT} and not keyboards.installed() else set()
     return sorted(missing | set(voices.missing_tools() if sung else ()))
 
 
@@ -79,9 +84,12 @@ def render_command(font, midi, wav, rng):
     return ["timidity", "-c", path, "-Ow", "-s", str(SAMPLE_RATE), "-A", "60", "-o", wav, midi]
 
 
-def render_part(part, tempo, font, folder, rng, kit=BANK_KIT, amp=None, sung=False):
+def render_part(part, tempo, font, folder, rng, kit=BANK_KIT, amp=None, sung=False, instrument=None):
     """The part alone as float32 (2, n); a drum part on `kit`, a guitar through `amp` settings, a melody
-    `sung` by a voice."""
+    `sung` by a voice, a part on an `instrument` (settings from draw_instrument) rather than the bank."""
+    if instrument is not None:
+        player = plucked_string if instrument["source"] == "plucked" else keyboards
+        return player.play(part.notes, tempo, instrument)
     if sung:
         return voices.sing(part.notes, tempo, rng, folder)
     if amp is not None:
@@ -133,6 +141,19 @@ class Recipe:
     kits: tuple  # drum kits (the bank's own kit for a quarter of the songs when it is among others)
     amps: tuple  # amp styles for electric guitars; none: the banks' guitars
     voices: float  # share of songs with vocals that a voice sings
+    pianos: tuple = (BANK_KIT,)  # where piano parts come from (INSTRUMENTS)
+    acoustics: tuple = (BANK_KIT,)  # where acoustic guitar parts come from
+
+
+def draw_instrument(rng, stem, sources):
+    """Settings of the instrument that plays the stem's part, None for the bank's; draws nothing when
+    the bank is all there is, so such runs render as they always have."""
+    if list(sources) == [BANK_KIT]:
+        return None
+    source = sources[int(rng.integers(len(sources)))]
+    if source == BANK_KIT:
+        return None
+    return plucked_string.draw_settings(rng) if stem == "acoustic_guitar" else keyboards.draw_settings(rng, source)
 
 
 def make_song(out_dir, index, recipe):
@@ -152,14 +173,16 @@ def make_song(out_dir, index, recipe):
     if amps and "electric_guitar" in parts and rng.random() < AMP_SHARE:
         amp = guitar_amp.draw_settings(rng, [int(style) for style in amps])
     sung = "vocals" in parts and rng.random() < recipe.voices
+    sources = {"piano": recipe.pianos, "acoustic_guitar": recipe.acoustics}
+    instruments = {stem: draw_instrument(rng, stem, sources[stem]) for stem in sources if stem in parts}
     # One bank draws no number, so a single-bank run renders as it always has.
     banks = {name: recipe.banks[int(rng.integers(len(recipe.banks))) if len(recipe.banks) > 1 else 0]
              for name in parts}
     with tempfile.TemporaryDirectory(dir=out_dir, prefix=".") as work:
         tracks = {}
         for name, part in parts.items():
-            audio = render_part(part, tempo, banks[name], work, rng, kit,
-                                amp if name == "electric_guitar" else None, sung and name == "vocals")
+            audio = render_part(part, tempo, banks[name], work, rng, kit, amp if name == "electric_guitar" else None,
+                                sung and name == "vocals", instruments.get(name))
             audio = fit(place(audio, rng), samples)
             tracks[name] = channel_strip(audio, rng) if produced else audio
         # Silent stems are written too (a few bytes of FLAC): the folder
@@ -179,8 +202,8 @@ def make_song(out_dir, index, recipe):
         for name, audio in stems.items():
             soundfile.write(os.path.join(song, name + ".flac"), (audio * scale).T, SAMPLE_RATE, subtype="PCM_24")
         with open(os.path.join(song, "song.json"), "w") as file:  # what it was made of, for evaluations
-            json.dump({"banks": banks, "drum_kit": kit, "amp": amp, "sung": sung, "produced": produced,
-                       "tempo": tempo, "seed": seed, "index": index}, file)
+            json.dump({"banks": banks, "drum_kit": kit, "amp": amp, "sung": sung, "instruments": instruments,
+                       "produced": produced, "tempo": tempo, "seed": seed, "index": index}, file)
         os.rename(song, final)
     return final
 
@@ -207,6 +230,12 @@ def add_arguments(parser):
     parser.add_argument("--amps", default="all", metavar="STYLES",
                         help="amp styles (the amp plugin's tone stacks, 0 to 25) for electric guitars, like "
                              "--drums; \"none\" keeps the bank's guitars (default all)")
+    parser.add_argument("--pianos", default="all", metavar="SOURCES",
+                        help="where piano parts come from, drawn evenly per song, like --drums: %s (mda-lv2's "
+                             "instruments with their piano presets; default all)" % ", ".join(INSTRUMENTS["piano"]))
+    parser.add_argument("--acoustic", default="all", metavar="SOURCES",
+                        help="where acoustic guitar parts come from, like --pianos: %s (a plucked-string model "
+                             "with a guitar body; default all)" % ", ".join(INSTRUMENTS["acoustic_guitar"]))
     parser.add_argument("--voices", type=float, default=0.8, metavar="P",
                         help="share of the songs with vocals whose melody a synthetic voice sings (the rest: "
                              "General MIDI choir and voice pads)")
@@ -223,12 +252,17 @@ def run(args):
     kits, amps = pick(args.drums, DRUM_KITS, "drum kit"), pick(args.amps, AMP_STYLES, "amp style")
     if not kits:
         raise ValueError("--drums %s leaves no drum kit" % args.drums)
-    missing = missing_material(kits, amps, args.voices > 0)
+    pianos = pick(args.pianos, INSTRUMENTS["piano"], "piano source")
+    acoustics = pick(args.acoustic, INSTRUMENTS["acoustic_guitar"], "acoustic guitar source")
+    if not pianos or not acoustics:
+        raise ValueError("--pianos and --acoustic must leave a source")
+    missing = missing_material(kits, amps, args.voices > 0, pianos)
     if missing:
         raise SystemExit("generate: the material needs the Debian packages %s (bash scripts/bootstrap.sh "
                          "--workshop installs all the workshop's material)" % ", ".join(missing))
     os.makedirs(args.out_dir, exist_ok=True)
-    recipe = Recipe(tuple(banks), args.seed, args.seconds, args.production, tuple(kits), tuple(amps), args.voices)
+    recipe = Recipe(tuple(banks), args.seed, args.seconds, args.production, tuple(kits), tuple(amps), args.voices,
+                    tuple(pianos), tuple(acoustics))
     jobs = [(args.out_dir, i, recipe) for i in range(args.first, args.first + args.songs)]
     with multiprocessing.Pool(max(1, args.jobs)) as pool:
         for done, path in enumerate(pool.imap_unordered(_make_song, jobs), 1):

@@ -146,10 +146,8 @@ class Recipe:
 
 
 def draw_instrument(rng, stem, sources):
-    """Settings of the instrument that plays the stem's part, None for the bank's; draws nothing when
-    the bank is all there is, so such runs render as they always have."""
-    if list(sources) == [BANK_KIT]:
-        return None
+    """Settings of the instrument that plays the stem's part, None for the bank's. A single source draws
+    no number (integers(1) takes nothing from the generator), so bank-only runs render as they always have."""
     source = sources[int(rng.integers(len(sources)))]
     if source == BANK_KIT:
         return None

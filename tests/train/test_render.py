@@ -1,8 +1,10 @@
 """Which material a generate run may draw from: a kit or amp style left out
-for evaluation must never reach the training songs."""
+for evaluation must never reach the training songs, and instruments are
+drawn as often as their options say."""
+import numpy as np
 import pytest
 
-from tonwerk_train.render import pick
+from tonwerk_train.render import draw_instrument, pick
 
 CATALOGUE = ("bank", "kit c", "kit a", "kit b")  # not sorted: the catalogue's order is kept, for the seeds
 
@@ -18,3 +20,16 @@ def test_lists_choose_and_leave_out_in_order(listing, chosen):
 def test_unknown_names_are_refused_with_the_catalogue():
     with pytest.raises(ValueError, match="unknown kit 'kit d'; one of bank, kit c"):
         pick("all,-kit d", CATALOGUE, "kit")
+
+
+@pytest.mark.parametrize("stem, sources, share", [
+    ("piano", ("bank",), 0.0), ("piano", ("bank", "mda-piano", "mda-epiano", "mda-dx10"), 0.75),
+    ("acoustic_guitar", ("plucked",), 1.0), ("acoustic_guitar", ("bank", "plucked"), 0.5),
+])
+def test_instruments_are_drawn_evenly_and_bank_only_runs_draw_nothing(stem, sources, share):
+    rng = np.random.default_rng(0)
+    drawn = [draw_instrument(rng, stem, sources) for _ in range(400)]
+    assert abs(sum(settings is not None for settings in drawn) / 400 - share) < 0.07
+    assert {settings["source"] for settings in drawn if settings} <= set(sources) - {"bank"}
+    if share == 0:  # songs of runs without the instruments keep the seeds they always had
+        assert rng.random() == np.random.default_rng(0).random()

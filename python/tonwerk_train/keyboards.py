@@ -19,7 +19,7 @@ BUNDLE = "/usr/lib/lv2/mda.lv2"
 URI = "http://drobilla.net/plugins/mda/"
 # Source name -> (plugin, the presets that are pianos).
 SOURCES = {"mda-piano": ("Piano", ".*"), "mda-epiano": ("EPiano", ".*"), "mda-dx10": ("DX10", ".*E\\.Piano")}
-TAIL_SECONDS = 3.0  # after the last note off, for the release and the plugin's own reverb-free decay
+TAIL_SECONDS = 3.0  # after the last note off: the release rings out
 
 
 @dataclasses.dataclass(frozen=True)

@@ -17,15 +17,16 @@ from tonwerk_train.stems import SAMPLE_RATE
 STRINGS = {"steel": ((0.62, 0.85), (3.0, 7.0)), "nylon": ((0.52, 0.68), (1.5, 3.5))}
 RELEASE_SECONDS = 0.08  # a lifted finger damps the string this fast
 LOW_E = 82.41
+SOURCES = ("plucked",)
 
 
-def draw_settings(rng):
+def draw_settings(rng, source="plucked"):
     """One guitar: {"source", "strings", "brightness", "ring", "pick", "strum", "body", "seed"}."""
     strings = str(rng.choice(list(STRINGS)))
     (bright_low, bright_high), (ring_low, ring_high) = STRINGS[strings]
     modes = [(rng.uniform(90, 125), rng.uniform(0.02, 0.05), 1.0), (rng.uniform(180, 260), rng.uniform(0.01, 0.03), 0.7)]
     modes += [(rng.uniform(300, 3500), rng.uniform(0.003, 0.015), rng.uniform(0.1, 0.5)) for _ in range(8)]
-    return {"source": "plucked", "strings": strings, "brightness": float(rng.uniform(bright_low, bright_high)),
+    return {"source": source, "strings": strings, "brightness": float(rng.uniform(bright_low, bright_high)),
             "ring": float(rng.uniform(ring_low, ring_high)), "pick": float(rng.uniform(0.08, 0.3)),
             "strum": float(rng.uniform(0.004, 0.02)), "body": [[float(v) for v in mode] for mode in modes],
             "seed": int(rng.integers(1 << 31))}

@@ -48,8 +48,10 @@ BANK_KIT_SHARE = 0.25  # of the songs whose drums may come from the bank or a re
 DRUM_KITS = (BANK_KIT, *drum_kits.PACKAGES)
 AMP_STYLES = tuple(str(style) for style in guitar_amp.TONE_STACKS)
 AMP_SHARE = 0.85  # of the electric guitars, when amps are allowed; the rest keep the bank's sound
-# Where a stem's part may come from besides the banks; a song draws one evenly.
-INSTRUMENTS = {"piano": (BANK_KIT, *keyboards.SOURCES), "acoustic_guitar": (BANK_KIT, "plucked")}
+# Where a stem's part may come from besides the banks (a song draws one evenly), and who plays each source.
+INSTRUMENTS = {"piano": (BANK_KIT, *keyboards.SOURCES), "acoustic_guitar": (BANK_KIT, *plucked_string.SOURCES)}
+PLAYERS = {**{source: keyboards for source in keyboards.SOURCES},
+           **{source: plucked_string for source in plucked_string.SOURCES}}
 
 
 def pick(listing, catalogue, what):
@@ -88,8 +90,7 @@ def render_part(part, tempo, font, folder, rng, kit=BANK_KIT, amp=None, sung=Fal
     """The part alone as float32 (2, n); a drum part on `kit`, a guitar through `amp` settings, a melody
     `sung` by a voice, a part on an `instrument` (settings from draw_instrument) rather than the bank."""
     if instrument is not None:
-        player = plucked_string if instrument["source"] == "plucked" else keyboards
-        return player.play(part.notes, tempo, instrument)
+        return PLAYERS[instrument["source"]].play(part.notes, tempo, instrument)
     if sung:
         return voices.sing(part.notes, tempo, rng, folder)
     if amp is not None:
@@ -145,13 +146,13 @@ class Recipe:
     acoustics: tuple = (BANK_KIT,)  # where acoustic guitar parts come from
 
 
-def draw_instrument(rng, stem, sources):
+def draw_instrument(rng, sources):
     """Settings of the instrument that plays the stem's part, None for the bank's. A single source draws
     no number (integers(1) takes nothing from the generator), so bank-only runs render as they always have."""
     source = sources[int(rng.integers(len(sources)))]
     if source == BANK_KIT:
         return None
-    return plucked_string.draw_settings(rng) if stem == "acoustic_guitar" else keyboards.draw_settings(rng, source)
+    return PLAYERS[source].draw_settings(rng, source)
 
 
 def make_song(out_dir, index, recipe):
@@ -172,7 +173,7 @@ def make_song(out_dir, index, recipe):
         amp = guitar_amp.draw_settings(rng, [int(style) for style in amps])
     sung = "vocals" in parts and rng.random() < recipe.voices
     sources = {"piano": recipe.pianos, "acoustic_guitar": recipe.acoustics}
-    instruments = {stem: draw_instrument(rng, stem, sources[stem]) for stem in sources if stem in parts}
+    instruments = {stem: draw_instrument(rng, sources[stem]) for stem in sources if stem in parts}
     # One bank draws no number, so a single-bank run renders as it always has.
     banks = {name: recipe.banks[int(rng.integers(len(recipe.banks))) if len(recipe.banks) > 1 else 0]
              for name in parts}

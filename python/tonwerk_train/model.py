@@ -44,6 +44,8 @@ class ModelConfig:
 PRESETS = {
     "tiny": ModelConfig(channels=4, blocks=2),
     "cpu": ModelConfig(),
+    # Twice the blocks with twice the MLP: a trained `cpu` network grows into it (see grow).
+    "cpu-deep": ModelConfig(blocks=12, expansion=4),
     "gpu": ModelConfig(channels=96, blocks=12, expansion=4),
 }
 
@@ -189,3 +191,25 @@ class Separator(nn.Module):
     def forward(self, mixture):
         """complex (B, 2, T, BINS) -> complex estimates (B, 7, 2, T, BINS)."""
         return self.masks(mixture.abs()) * mixture.unsqueeze(1)
+
+
+def grow(network, config, weights):
+    """Loads the weights of a smaller network of this family (`config`) into
+    `network` so that it computes exactly what the smaller one did, and
+    training carries on from there instead of from scratch. Blocks may be
+    added and block MLPs widened; the added blocks start as identities (their
+    output layers zero) and the added MLP units feed nothing yet. Channels
+    and bands must match: every layer's input would change."""
+    mine = network.config
+    fixed = ("channels", "bands", "mix_bands_every")
+    if any(getattr(mine, name) != getattr(config, name) for name in fixed) or \
+            mine.blocks < config.blocks or mine.expansion < config.expansion:
+        raise ValueError("a %s network cannot grow into a %s one: only blocks and expansion may grow"
+                         % (config.to_dict(), mine.to_dict()))
+    with torch.no_grad():
+        for name, value in network.state_dict().items():
+            if ".contract." in name or ".band_mix." in name:  # a block's outputs into the residual path
+                value.zero_()
+            if name in weights:
+                value[tuple(slice(0, size) for size in weights[name].shape)] = weights[name]
+    return network

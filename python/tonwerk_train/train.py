@@ -21,7 +21,7 @@ import torch
 from tonwerk_train import datasets
 from tonwerk_train.examples import batch
 from tonwerk_train.metrics import sdr, sounds
-from tonwerk_train.model import PRESETS, ModelConfig, Separator
+from tonwerk_train.model import PRESETS, ModelConfig, Separator, grow
 from tonwerk_train.song_cache import SongCache, check_disjoint
 from tonwerk_train.stems import STEMS
 from tonwerk_train.stft import FFT_SIZE, HOP, SEGMENT_FRAMES, istft, stft
@@ -223,7 +223,9 @@ def add_arguments(parser):
                         help="end this invocation after EPOCHS epochs; the same command resumes the run")
     parser.add_argument("--lr", type=float, help="peak learning rate (default 1e-3)")
     parser.add_argument("--init", metavar="CHECKPOINT",
-                        help="start from this checkpoint's network (its preset too) with a fresh schedule: fine-tuning")
+                        help="start from this checkpoint's network (its preset too) with a fresh schedule: fine-tuning; "
+                             "with --preset of more blocks or a wider block MLP (cpu into cpu-deep) the network "
+                             "grows from it, computing at first exactly what it did")
     parser.add_argument("--seed", type=int, help="seed of the network and of every step's data (default 1)")
     parser.add_argument("--valid-songs", type=int, default=0, metavar="N",
                         help="validate on N of the validation songs, evenly spread (default all)")
@@ -262,7 +264,8 @@ def settings(args, state, start):
                              "longer by fine-tuning from it with --init)" % (args.out, ", ".join(differ)))
         return config
     config = {**SETTINGS, **given, "init": args.init}
-    config["model"] = start["config"]["model"] if start else PRESETS[config["preset"]].to_dict()
+    grows = start and args.preset
+    config["model"] = start["config"]["model"] if start and not grows else PRESETS[config["preset"]].to_dict()
     return config
 
 
@@ -294,7 +297,7 @@ def run(args):
     torch.manual_seed(config["seed"])
     model = Separator(ModelConfig.from_dict(config["model"]))
     if start and not state:  # a resumed fine-tuning run continues from its own checkpoint
-        model.load_state_dict(start.get("ema", start["model"]))
+        grow(model, ModelConfig.from_dict(start["config"]["model"]), start.get("ema", start["model"]))
     model.to(args.device)
     average = Average(model, config["ema"])
     optimizer = torch.optim.AdamW(model.parameters(), lr=config["lr"], weight_decay=1e-4)

@@ -44,8 +44,9 @@ class ModelConfig:
 PRESETS = {
     "tiny": ModelConfig(channels=4, blocks=2),
     "cpu": ModelConfig(),
-    # Twice the blocks with twice the MLP: a trained `cpu` network grows into it (see grow).
+    # Twice the blocks with twice the MLP, or twice the channels: a trained `cpu` network grows into either (see grow).
     "cpu-deep": ModelConfig(blocks=12, expansion=4),
+    "cpu-wide": ModelConfig(channels=48),
     "gpu": ModelConfig(channels=96, blocks=12, expansion=4),
 }
 
@@ -193,19 +194,53 @@ class Separator(nn.Module):
         return self.masks(mixture.abs()) * mixture.unsqueeze(1)
 
 
-def grow(network, config, weights):
+def channel_axes(name):
+    """(axes that carry a layer's output channels, axes that carry its input
+    channels) of the parameter `name`; block MLP units count as channels."""
+    if name.startswith("encoder."):
+        return (2,), ()
+    if name.startswith("decoder.weights"):
+        return (), (1,)
+    if name.startswith("decoder.biases") or ".band_mix." in name:
+        return (), ()
+    if name.endswith(("expand.weight", "contract.weight")):
+        return (0,), (1,)
+    return (0,), ()  # norms, depthwise convolutions, biases
+
+
+def widen(weights, factor, generator):
+    """The same function with `factor` times the channels: every channel
+    (and block MLP unit) is copied, and each layer reading the copies gets its
+    original weight split among them in random shares. The sum is unchanged,
+    so the output is; the unequal shares give the copies unequal gradients,
+    so training drives them apart."""
+    wide = {}
+    for name, value in weights.items():
+        outputs, inputs = channel_axes(name)
+        for axis in outputs:
+            value = torch.cat([value] * factor, dim=axis)
+        for axis in inputs:
+            shares = 0.5 + torch.rand((factor,) + value.shape, generator=generator)
+            value = torch.cat(list(value * shares / shares.sum(0)), dim=axis)
+        wide[name] = value
+    return wide
+
+
+def grow(network, config, weights, seed=0):
     """Loads the weights of a smaller network of this family (`config`) into
     `network` so that it computes exactly what the smaller one did, and
-    training carries on from there instead of from scratch. Blocks may be
-    added and block MLPs widened; the added blocks start as identities (their
-    output layers zero) and the added MLP units feed nothing yet. Channels
-    and bands must match: every layer's input would change."""
+    training carries on from there instead of from scratch. Channels may grow
+    by a whole factor (see widen), blocks may be added and block MLPs widened;
+    the added blocks start as identities (their output layers zero) and the
+    added MLP units feed nothing yet. Bands must match."""
     mine = network.config
-    fixed = ("channels", "bands", "mix_bands_every")
-    if any(getattr(mine, name) != getattr(config, name) for name in fixed) or \
+    factor, remainder = divmod(mine.channels, config.channels)
+    if remainder or factor < 1 or mine.bands != config.bands or mine.mix_bands_every != config.mix_bands_every or \
             mine.blocks < config.blocks or mine.expansion < config.expansion:
-        raise ValueError("a %s network cannot grow into a %s one: only blocks and expansion may grow"
-                         % (config.to_dict(), mine.to_dict()))
+        raise ValueError("a %s network cannot grow into a %s one: only channels (by a whole factor), blocks and "
+                         "expansion may grow" % (config.to_dict(), mine.to_dict()))
+    if factor > 1:
+        weights = widen(weights, factor, torch.Generator().manual_seed(seed))
     with torch.no_grad():
         for name, value in network.state_dict().items():
             if ".contract." in name or ".band_mix." in name:  # a block's outputs into the residual path

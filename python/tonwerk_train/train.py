@@ -224,8 +224,8 @@ def add_arguments(parser):
     parser.add_argument("--lr", type=float, help="peak learning rate (default 1e-3)")
     parser.add_argument("--init", metavar="CHECKPOINT",
                         help="start from this checkpoint's network (its preset too) with a fresh schedule: fine-tuning; "
-                             "with --preset of more blocks or a wider block MLP (cpu into cpu-deep) the network "
-                             "grows from it, computing at first exactly what it did")
+                             "with --preset of more channels, more blocks or a wider block MLP (cpu into cpu-wide or "
+                             "cpu-deep) the network grows from it, computing at first exactly what it did")
     parser.add_argument("--seed", type=int, help="seed of the network and of every step's data (default 1)")
     parser.add_argument("--valid-songs", type=int, default=0, metavar="N",
                         help="validate on N of the validation songs, evenly spread (default all)")

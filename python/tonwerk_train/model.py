@@ -226,7 +226,7 @@ def widen(weights, factor, generator):
     return wide
 
 
-def grow(network, config, weights, seed=0):
+def grow(network, config, weights):
     """Loads the weights of a smaller network of this family (`config`) into
     `network` so that it computes exactly what the smaller one did, and
     training carries on from there instead of from scratch. Channels may grow
@@ -235,12 +235,12 @@ def grow(network, config, weights, seed=0):
     added MLP units feed nothing yet. Bands must match."""
     mine = network.config
     factor, remainder = divmod(mine.channels, config.channels)
-    if remainder or factor < 1 or mine.bands != config.bands or mine.mix_bands_every != config.mix_bands_every or \
+    if remainder or mine.bands != config.bands or mine.mix_bands_every != config.mix_bands_every or \
             mine.blocks < config.blocks or mine.expansion < config.expansion:
         raise ValueError("a %s network cannot grow into a %s one: only channels (by a whole factor), blocks and "
                          "expansion may grow" % (config.to_dict(), mine.to_dict()))
     if factor > 1:
-        weights = widen(weights, factor, torch.Generator().manual_seed(seed))
+        weights = widen(weights, factor, torch.Generator().manual_seed(0))
     with torch.no_grad():
         for name, value in network.state_dict().items():
             if ".contract." in name or ".band_mix." in name:  # a block's outputs into the residual path

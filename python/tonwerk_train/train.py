@@ -264,8 +264,10 @@ def settings(args, state, start):
                              "longer by fine-tuning from it with --init)" % (args.out, ", ".join(differ)))
         return config
     config = {**SETTINGS, **given, "init": args.init}
-    grows = start and args.preset
-    config["model"] = start["config"]["model"] if start and not grows else PRESETS[config["preset"]].to_dict()
+    if start and not args.preset:  # a fine-tune keeps its checkpoint's network, and says so
+        config["preset"], config["model"] = start["config"]["preset"], start["config"]["model"]
+    else:  # a fresh network, or one grown from the checkpoint's
+        config["model"] = PRESETS[config["preset"]].to_dict()
     return config
 
 

@@ -5,7 +5,8 @@ The mixture's spectrum is cut into bands (narrow in the bass, wide in the
 treble); each band's log-magnitudes become one feature vector. Residual
 blocks mix along frames (dilated, so a block sees seconds of context) and
 along bands (neighbours, and every few blocks all bands at once, which is
-where harmonics an octave apart meet). Each band's vector is decoded into
+where harmonics an octave apart meet; optionally also by attention, whose
+weights depend on the music). Each band's vector is decoded into
 per-bin, per-channel logits for the six stems plus "other"; a softmax over
 those seven makes masks that sum to one, so the stems together never exceed
 the mixture, and "other" lands in the library's residual.
@@ -29,6 +30,9 @@ class ModelConfig:
     blocks: int = 6
     expansion: int = 2
     mix_bands_every: int = 2
+    # every this many blocks, attention across the bands (0: none); its query and key width
+    attend_every: int = 0
+    attend_width: int = 16
     # (bin width, band count) from DC upward; together they cover the 2048 bins.
     bands: tuple = ((2, 32), (4, 32), (8, 32), (16, 32), (32, 34))
 
@@ -42,11 +46,14 @@ class ModelConfig:
 
 
 PRESETS = {
-    "tiny": ModelConfig(channels=4, blocks=2),
+    # The tests' network: it has every kind of layer, and grows into `cpu-attend`.
+    "tiny": ModelConfig(channels=4, blocks=3, attend_every=3),
     "cpu": ModelConfig(),
     # Twice the blocks with twice the MLP, or twice the channels: a trained `cpu` network grows into either (see grow).
     "cpu-deep": ModelConfig(blocks=12, expansion=4),
     "cpu-wide": ModelConfig(channels=48),
+    # Attention across the bands after every third block: a trained `cpu` network grows into it too.
+    "cpu-attend": ModelConfig(attend_every=3),
     "gpu": ModelConfig(channels=96, blocks=12, expansion=4),
 }
 
@@ -155,6 +162,34 @@ class Block(nn.Module):
         return x
 
 
+class BandAttention(nn.Module):
+    """Attention across the bands of each frame, residual: a band takes from
+    the bands its content points to (the harmonics of its notes, the body of
+    the hit it starts), where a band mix's fixed weights cannot depend on the
+    music. Each band has a learnt position in the queries and keys, since
+    the bands' spacing makes harmonic relations differ from band to band.
+    The output layer starts at zero, so the layer starts as an identity.
+    Works on channels-last (B, bands, T, C)."""
+
+    def __init__(self, config):
+        super().__init__()
+        c, width = config.channels, config.attend_width
+        self.norm = nn.LayerNorm(c)
+        self.query_key = nn.Linear(c, 2 * width)
+        self.position = nn.Parameter(torch.randn(band_count(config), 2 * width) * 0.5)
+        self.value = nn.Linear(c, c)
+        self.out = nn.Linear(c, c)
+        nn.init.zeros_(self.out.weight)
+        nn.init.zeros_(self.out.bias)
+
+    def forward(self, x):
+        y = self.norm(x).transpose(1, 2)  # (B, T, bands, C)
+        query, key = (nn.functional.linear(y, self.query_key.weight, self.query_key.bias) + self.position).chunk(2, -1)
+        weights = torch.softmax(query @ key.transpose(-1, -2) / query.shape[-1] ** 0.5, dim=-1)
+        taken = weights @ nn.functional.linear(y, self.value.weight, self.value.bias)
+        return x + nn.functional.linear(taken, self.out.weight, self.out.bias).transpose(1, 2)
+
+
 def source_softmax(logits):
     """Softmax over the sources (axis 1). The exported graph spells it out:
     the runtime's Softmax on an inner axis transposes the whole tensor
@@ -174,6 +209,9 @@ class Separator(nn.Module):
         self.blocks = nn.ModuleList(
             Block(self.config, dilation=2 ** (i % 5), mix_bands=(i + 1) % self.config.mix_bands_every == 0)
             for i in range(self.config.blocks))
+        every = self.config.attend_every
+        self.attend = nn.ModuleDict({str(i): BandAttention(self.config) for i in range(self.config.blocks)
+                                     if every and (i + 1) % every == 0})
         self.out_norm = nn.LayerNorm(c)
         self.decoder = BandGroups(self.config, c, SOURCES * 2, encode=False)
 
@@ -184,8 +222,10 @@ class Separator(nn.Module):
         scale = magnitude.pow(2).mean(dim=(1, 2, 3), keepdim=True).sqrt() + 1e-5
         features = torch.log(magnitude / scale + 1e-3).permute(0, 2, 3, 1)  # (B, T, BINS, 2)
         x = self.encoder(features)  # (B, bands, T, C)
-        for block in self.blocks:
+        for i, block in enumerate(self.blocks):
             x = block(x)
+            if str(i) in self.attend:
+                x = self.attend[str(i)](x)
         logits = self.decoder(self.out_norm(x))  # (B, 14, T, BINS)
         return source_softmax(logits.reshape(logits.shape[0], SOURCES, 2, *logits.shape[2:]))
 
@@ -201,9 +241,11 @@ def channel_axes(name):
         return (2,), ()
     if name.startswith("decoder.weights"):
         return (), (1,)
-    if name.startswith("decoder.biases") or ".band_mix." in name:
+    if name.startswith("decoder.biases") or ".band_mix." in name or name.endswith(("query_key.bias", "position")):
         return (), ()
-    if name.endswith(("expand.weight", "contract.weight")):
+    if name.endswith("query_key.weight"):
+        return (), (1,)
+    if name.endswith(("expand.weight", "contract.weight", "value.weight", "out.weight")):
         return (0,), (1,)
     return (0,), ()  # norms, depthwise convolutions, biases
 
@@ -231,19 +273,21 @@ def grow(network, config, weights):
     `network` so that it computes exactly what the smaller one did, and
     training carries on from there instead of from scratch. Channels may grow
     by a whole factor (see widen), blocks may be added and block MLPs widened;
-    the added blocks start as identities (their output layers zero) and the
-    added MLP units feed nothing yet. Bands must match."""
+    the added blocks and attention layers start as identities (their output
+    layers zero) and the added MLP units feed nothing yet. Bands must match,
+    and attention the network had stays where it was."""
     mine = network.config
     factor, remainder = divmod(mine.channels, config.channels)
     if remainder or mine.bands != config.bands or mine.mix_bands_every != config.mix_bands_every or \
-            mine.blocks < config.blocks or mine.expansion < config.expansion:
-        raise ValueError("a %s network cannot grow into a %s one: only channels (by a whole factor), blocks and "
-                         "expansion may grow" % (config.to_dict(), mine.to_dict()))
+            mine.blocks < config.blocks or mine.expansion < config.expansion or \
+            config.attend_every and (mine.attend_every, mine.attend_width) != (config.attend_every, config.attend_width):
+        raise ValueError("a %s network cannot grow into a %s one: only channels (by a whole factor), blocks, "
+                         "expansion and attention (where it had none) may grow" % (config.to_dict(), mine.to_dict()))
     if factor > 1:
         weights = widen(weights, factor, torch.Generator().manual_seed(0))
     with torch.no_grad():
         for name, value in network.state_dict().items():
-            if ".contract." in name or ".band_mix." in name:  # a block's outputs into the residual path
+            if ".contract." in name or ".band_mix." in name or ".out." in name:  # outputs into the residual path
                 value.zero_()
             if name in weights:
                 value[tuple(slice(0, size) for size in weights[name].shape)] = weights[name]

@@ -37,8 +37,8 @@ def workshop(tmp_path_factory):
     assert main(train + ["--out", str(root / "stopped"), "--epochs", "3"]) == 2  # would change the schedule
     assert main(train + ["--out", str(root / "stopped")]) == 0
     assert main(train + ["--out", str(root / "straight"), "--epochs", "2"]) == 0
-    # Fine-tuning at a learning rate of 0 keeps the function it starts from, here grown to the cpu preset's size.
-    assert main(train + ["--out", str(root / "tuned"), "--epochs", "1", "--lr", "0", "--preset", "cpu",
+    # Fine-tuning at a learning rate of 0 keeps the function it starts from, here grown to a `cpu` network's size.
+    assert main(train + ["--out", str(root / "tuned"), "--epochs", "1", "--lr", "0", "--preset", "cpu-attend",
                          "--init", str(root / "straight/checkpoint.pt")]) == 0
     assert main(["export", str(root / "stopped/best.pt"), str(root / "model.onnx")]) == 0
     return root

@@ -3,6 +3,14 @@ one part per stem (and some parts that belong to none) with styles drawn at
 random, humanised timing and dynamics, and bars where a part rests.
 
 Programs follow General MIDI: the families decide which stem a part is.
+
+By default each stem keeps to its own register, so "the lowest notes" and
+"the bass" nearly coincide, and a network can learn the one for the other.
+Songs that spread registers (`compose(..., spread=True)`) break that: pianos
+play a left hand down where the bass is, guitars reach their low strings,
+basses sometimes play an octave up, and parts that belong to no stem (a
+cello, bassoon, trombone or tuba) may double the bass line. Then only the
+sound tells the stems apart.
 """
 import math
 
@@ -18,6 +26,7 @@ PROGRAMS = {
     "bass": [32, 33, 34, 35, 36, 37, 38, 39],
     "other": [16, 17, 19, 40, 42, 48, 49, 56, 57, 61, 65, 66, 71, 73, 80, 81, 88, 89, 91, 94],
 }
+LOW_PROGRAMS = [42, 57, 58, 70]  # cello, trombone, tuba, bassoon: lines in the bass's register
 MODES = {"major": [0, 2, 4, 5, 7, 9, 11], "minor": [0, 2, 3, 5, 7, 8, 10],
          "dorian": [0, 2, 3, 5, 7, 9, 10], "mixolydian": [0, 2, 4, 5, 7, 9, 10]}
 PROGRESSIONS = [[0, 4, 5, 3], [0, 5, 3, 4], [0, 3, 4, 4], [5, 3, 0, 4], [1, 4, 0, 0], [0, 6, 5, 4],
@@ -29,9 +38,10 @@ TOMS = [41, 43, 45, 47, 48, 50]
 class Song:
     """Harmony and time shared by every part of one song."""
 
-    def __init__(self, rng, bars):
+    def __init__(self, rng, bars, spread=False):
         self.rng = rng
         self.bars = bars
+        self.spread = spread
         self.tempo = float(rng.uniform(70, 170))
         self.root = int(rng.integers(0, 12))
         self.scale = MODES[rng.choice(list(MODES))]
@@ -105,8 +115,9 @@ def drums(song):
     return part
 
 
-def bass(song, program):
+def bass(song, program, low=28):
     part = Part(program=program)
+    high = low + 20
     style = song.rng.choice(["whole", "quarters", "eighths", "walking", "synco"])
     rhythm = {"whole": [(0, 3.8)], "quarters": [(b, 0.9) for b in range(4)],
               "eighths": [(b / 2, 0.45) for b in range(8)], "walking": [(b, 0.95) for b in range(4)],
@@ -115,27 +126,35 @@ def bass(song, program):
         if bar in song.rests:
             continue
         chord = song.chord(bar)
-        root = near(chord[0], 28, 48)
+        root = near(chord[0], low, high)
         for i, (beat, length) in enumerate(rhythm):
             key = root
             if style == "walking":
-                key = near(chord[i % 3], 28, 50) if i < 3 else root + int(song.rng.choice([-1, 1, 2]))
+                key = near(chord[i % 3], low, high + 2) if i < 3 else root + int(song.rng.choice([-1, 1, 2]))
             elif style == "synco" and i == 3:
-                key = near(chord[2], 28, 50)
+                key = near(chord[2], low, high + 2)
             part.notes.append((song.human(bar * 4 + beat), length, key, song.velocity(95)))
     return part
 
 
-def keys_part(song, program, low, high, strum):
-    """Piano and guitars: block chords, arpeggios or strums over the chords."""
+def keys_part(song, program, low, high, strum, left_hand=False):
+    """Piano and guitars: block chords, arpeggios or strums over the chords;
+    with `left_hand`, the chord's root (maybe in octaves) down in the bass's
+    register on the bar's strong beats."""
     part = Part(program=program)
     style = song.rng.choice(["block", "arpeggio", "strum", "broken"] if strum else ["block", "arpeggio", "broken", "stride"])
     size = int(song.rng.choice([3, 4]))
+    octaves = left_hand and song.rng.random() < 0.5
     for bar in range(song.bars):
         if bar in song.rests:
             continue
         keys = sorted(near(pc, low, high) for pc in song.chord(bar, size))
         base = bar * 4
+        if left_hand and style != "stride":
+            root = near(song.chord(bar)[0], 28, 47)
+            for beat in (0, 2):
+                for key in (root, root + 12) if octaves else (root,):
+                    part.notes.append((song.human(base + beat), 1.9, key, song.velocity(80)))
         if style == "block":
             for beat in ([0, 2] if song.rng.random() < 0.5 else [0, 1, 2, 3]):
                 for key in keys:
@@ -164,7 +183,7 @@ def keys_part(song, program, low, high, strum):
 
 def electric_guitar(song, program):
     if program < 29 or song.rng.random() < 0.3:
-        return keys_part(song, program, 52, 76, strum=True)
+        return keys_part(song, program, *window(song, 52, 76, 38), strum=True)
     part = Part(program=program)  # overdriven: power chords or a riff
     riff = song.rng.random() < 0.5
     pentatonic = [k for k in song.scale_keys(40, 64) if (k - song.root) % 12 in (0, 3, 5, 7, 10, 2, 4, 9)]
@@ -221,10 +240,11 @@ def add_vibrato(song, part, start, length):
     part.bends.append((start + length, 0))
 
 
-def compose(rng, seconds):
+def compose(rng, seconds, spread=False):
     """All parts of one song: {stem: Part}, with "other" parts under
-    "other", "other2". At least three stems sound."""
-    song = Song(rng, bars=1)
+    "other", "other2". At least three stems sound. `spread`: registers
+    overlap across stems (see above)."""
+    song = Song(rng, bars=1, spread=spread)
     song.bars = max(2, int(seconds * song.tempo / 240) + 1)
     present = [s for s in ("vocals", "drum", "piano", "acoustic_guitar", "electric_guitar", "bass")
                if rng.random() < 0.75]
@@ -240,20 +260,33 @@ def compose(rng, seconds):
     return song.tempo, parts
 
 
+def window(song, low, high, lowest):
+    """A part's keys: [low, high], or in songs that spread registers, that
+    window moved down by a random amount, as far as `lowest`."""
+    if not song.spread:
+        return low, high
+    shift = int(song.rng.integers(0, low - lowest + 1))
+    return low - shift, high - shift
+
+
 def make_part(song, stem, program):
     if stem == "drum":
         return drums(song)
     if stem == "bass":
-        return bass(song, program)
+        return bass(song, program, 40 if song.spread and song.rng.random() < 0.3 else 28)
     if stem == "vocals":
         return melody(song, program, 55, 79)
     if stem == "piano":
-        return keys_part(song, program, 48, 84, strum=False)
+        return keys_part(song, program, *window(song, 48, 84, 36), strum=False,
+                         left_hand=song.spread and song.rng.random() < 0.5)
     if stem == "acoustic_guitar":
-        return keys_part(song, program, 48, 76, strum=True)
+        return keys_part(song, program, *window(song, 48, 76, 34), strum=True)
     if stem == "electric_guitar":
         return electric_guitar(song, program)
-    # other: a pad, a counter-melody or chords on a non-stem instrument
+    # other: a pad, a counter-melody or chords on a non-stem instrument, or
+    # in songs that spread registers maybe a low instrument on the bass line
+    if song.spread and song.rng.random() < 0.4:
+        return bass(song, int(song.rng.choice(LOW_PROGRAMS)), int(song.rng.choice([28, 36, 40])))
     if program in (56, 57, 61, 65, 66, 71, 73, 80, 81) and song.rng.random() < 0.6:
         return melody(song, program, 60, 84, vibrato=False)
     part = keys_part(song, program, 48, 76, strum=False)

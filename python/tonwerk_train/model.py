@@ -133,6 +133,11 @@ def pointwise(layer, x):
     return out.permute(0, 2, 3, 1)
 
 
+def zero_layer(layer):
+    nn.init.zeros_(layer.weight)
+    nn.init.zeros_(layer.bias)
+
+
 class Block(nn.Module):
     """Depthwise (3 bands x 3 frames, dilated in time), then a pointwise MLP;
     optionally a linear mix across all bands. Residual, pre-normalised per
@@ -148,8 +153,11 @@ class Block(nn.Module):
         self.contract = nn.Linear(c * config.expansion, c)
         self.band_mix = nn.Linear(band_count(config), band_count(config)) if mix_bands else None
         if self.band_mix is not None:
-            nn.init.zeros_(self.band_mix.weight)
-            nn.init.zeros_(self.band_mix.bias)
+            zero_layer(self.band_mix)
+
+    def residual_outputs(self):
+        """The layers that write into the residual path: zero, they make the block an identity."""
+        return [layer for layer in (self.contract, self.band_mix) if layer is not None]
 
     def forward(self, x):
         y = self.time(self.norm(x))
@@ -179,8 +187,10 @@ class BandAttention(nn.Module):
         self.position = nn.Parameter(torch.randn(band_count(config), 2 * width) * 0.5)
         self.value = nn.Linear(c, c)
         self.out = nn.Linear(c, c)
-        nn.init.zeros_(self.out.weight)
-        nn.init.zeros_(self.out.bias)
+        zero_layer(self.out)
+
+    def residual_outputs(self):
+        return [self.out]
 
     def forward(self, x):
         y = self.norm(x).transpose(1, 2)  # (B, T, bands, C)
@@ -286,9 +296,10 @@ def grow(network, config, weights):
     if factor > 1:
         weights = widen(weights, factor, torch.Generator().manual_seed(0))
     with torch.no_grad():
+        for module in network.modules():
+            for layer in getattr(module, "residual_outputs", list)():
+                zero_layer(layer)
         for name, value in network.state_dict().items():
-            if ".contract." in name or ".band_mix." in name or ".out." in name:  # outputs into the residual path
-                value.zero_()
             if name in weights:
                 value[tuple(slice(0, size) for size in weights[name].shape)] = weights[name]
     return network

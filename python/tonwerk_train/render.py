@@ -144,6 +144,7 @@ class Recipe:
     voices: float  # share of songs with vocals that a voice sings
     pianos: tuple = (BANK_KIT,)  # where piano parts come from (INSTRUMENTS)
     acoustics: tuple = (BANK_KIT,)  # where acoustic guitar parts come from
+    spread: float = 0.0  # share of songs whose stems' registers overlap (see composer)
 
 
 def draw_instrument(rng, sources):
@@ -162,7 +163,8 @@ def make_song(out_dir, index, recipe):
         return final
     seed, seconds, production, kits, amps = recipe.seed, recipe.seconds, recipe.production, recipe.kits, recipe.amps
     rng = np.random.default_rng([seed, index])
-    tempo, parts = compose(rng, seconds)
+    spread = recipe.spread > 0 and rng.random() < recipe.spread  # no draw at 0: older sets keep their songs
+    tempo, parts = compose(rng, seconds, spread)
     samples = int(seconds * SAMPLE_RATE)
     produced = rng.random() < production
     recorded = [kit for kit in kits if kit != BANK_KIT]
@@ -202,7 +204,7 @@ def make_song(out_dir, index, recipe):
             soundfile.write(os.path.join(song, name + ".flac"), (audio * scale).T, SAMPLE_RATE, subtype="PCM_24")
         with open(os.path.join(song, "song.json"), "w") as file:  # what it was made of, for evaluations
             json.dump({"banks": banks, "drum_kit": kit, "amp": amp, "sung": sung, "instruments": instruments,
-                       "produced": produced, "tempo": tempo, "seed": seed, "index": index}, file)
+                       "produced": produced, "spread": spread, "tempo": tempo, "seed": seed, "index": index}, file)
         os.rename(song, final)
     return final
 
@@ -238,6 +240,10 @@ def add_arguments(parser):
     parser.add_argument("--voices", type=float, default=0.8, metavar="P",
                         help="share of the songs with vocals whose melody a synthetic voice sings (the rest: "
                              "General MIDI choir and voice pads)")
+    parser.add_argument("--spread", type=float, default=0.0, metavar="P",
+                        help="share of songs whose stems overlap in register: piano left hands and guitars' low "
+                             "strings down where the bass plays, basses an octave up, low instruments doubling the "
+                             "bass line, so that the sound, not the pitch, tells the stems apart (default 0)")
     parser.add_argument("--jobs", type=int, default=os.cpu_count())
 
 
@@ -261,7 +267,7 @@ def run(args):
                          "--workshop installs all the workshop's material)" % ", ".join(missing))
     os.makedirs(args.out_dir, exist_ok=True)
     recipe = Recipe(tuple(banks), args.seed, args.seconds, args.production, tuple(kits), tuple(amps), args.voices,
-                    tuple(pianos), tuple(acoustics))
+                    tuple(pianos), tuple(acoustics), args.spread)
     jobs = [(args.out_dir, i, recipe) for i in range(args.first, args.first + args.songs)]
     with multiprocessing.Pool(max(1, args.jobs)) as pool:
         for done, path in enumerate(pool.imap_unordered(_make_song, jobs), 1):

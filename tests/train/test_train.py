@@ -33,6 +33,7 @@ def masks_giving(estimates, mixture):
     return (estimates / mixture.unsqueeze(1)).real
 
 
+@pytest.mark.parametrize("weigh", ["mixture", "stem"])
 @pytest.mark.parametrize("unlabelled, moved_to, zero", [
     ((), None, True),            # every stem labelled, estimates exact
     ((2, 3), 3, True),           # piano's share put into a guitar: both unlabelled, only their sum counts
@@ -41,7 +42,7 @@ def masks_giving(estimates, mixture):
     ((2, 3), -1, False),         # ... nor dropped: the sum must still match
     ((), 3, False),              # labelled piano moved into a labelled guitar
 ])
-def test_unlabelled_stems_count_only_as_their_sum_with_other(unlabelled, moved_to, zero):
+def test_unlabelled_stems_count_only_as_their_sum_with_other(unlabelled, moved_to, zero, weigh):
     parts, _ = spectra(1)
     parts = parts.real.to(torch.complex64) * (1 + 0.5j)  # one phase everywhere: masks are exact
     mixture = parts.sum(1)
@@ -55,13 +56,37 @@ def test_unlabelled_stems_count_only_as_their_sum_with_other(unlabelled, moved_t
     if moved_to is not None:
         estimates[:, moved_to] += estimates[:, 2] if moved_to >= 0 else 0
         estimates[:, 2] = 0
-    loss = float(loss_fn(masks_giving(estimates, mixture), mixture, targets, known))
+    loss = float(loss_fn(masks_giving(estimates, mixture), mixture, targets, known, weigh))
     assert (loss < 1e-5) == zero, loss
 
 
+def test_weighing_by_stem_makes_a_quiet_stems_error_count_nearly_as_a_loud_ones():
+    """Vocals and a bass at 0.3 of their level, the rest silent; each loses a
+    tenth. Against the mixture the bass's error costs 0.3 of the vocals';
+    against its own level (and the floor) nearly as much, not quite."""
+    parts, _ = spectra(3)
+    parts = parts.real.to(torch.complex64)
+    parts[:, 1:] = 0
+    parts[:, 5] = parts[:, 0] * 0.3
+    mixture = parts.sum(1)
+    known = torch.ones(1, 6, dtype=torch.bool)
+
+    def ratio(weigh):
+        costs = []
+        for stem in (5, 0):
+            estimates = parts.clone()
+            estimates[:, stem] *= 0.9
+            costs.append(float(loss_fn(masks_giving(estimates, mixture), mixture, parts, known, weigh)))
+        return costs[0] / costs[1]
+
+    assert ratio("mixture") == pytest.approx(0.3, rel=1e-3)
+    assert 0.7 < ratio("stem") < 0.95
+
+
+@pytest.mark.parametrize("weigh", ["mixture", "stem"])
 @pytest.mark.parametrize("labels", [[[1] * 6, [1] * 6], [[1] * 6, [1, 0, 1, 1, 0, 1]]],
                          ids=["labelled", "partly-labelled"])
-def test_the_loss_gradient_matches_finite_differences(labels):
+def test_the_loss_gradient_matches_finite_differences(labels, weigh):
     """The loss computes its own gradient in the masks; through the softmax it must match the numeric one."""
     g = torch.Generator().manual_seed(2)
     shape = (2, 7, 2, FRAMES, BINS)
@@ -70,7 +95,8 @@ def test_the_loss_gradient_matches_finite_differences(labels):
                             torch.randn(shape, generator=g, dtype=torch.double))
     mixture = targets.sum(1) * 1.3  # not the targets' sum: no error is exactly zero
     known = torch.tensor(labels, dtype=torch.bool)
-    assert torch.autograd.gradcheck(lambda x: loss_fn(torch.softmax(x, 1), mixture, targets, known), (logits,))
+    assert torch.autograd.gradcheck(lambda x: loss_fn(torch.softmax(x, 1), mixture, targets, known, weigh),
+                                   (logits,))
 
 
 class Cache:

@@ -28,7 +28,7 @@ def workshop(tmp_path_factory):
     root = tmp_path_factory.mktemp("workshop")
     songs, valid = root / "songs", root / "valid"
     assert main(["generate", str(songs), "--songs", "3", "--seconds", "7", "--seed", "3", "--font", "FluidR3_GM,FreePats",
-                 "--drums", "bank", "--amps", "none", "--voices", "0"]) == 0
+                 "--drums", "bank", "--amps", "none", "--voices", "0", "--spread", "1"]) == 0
     valid.mkdir()
     os.rename(songs / "FluidR3_GM+FreePats-00002", valid / "FluidR3_GM+FreePats-00002")
     train = ["train", "--data", "folder:%s" % songs, "--valid", "folder:%s" % valid, "--preset", "tiny",
@@ -47,9 +47,9 @@ def workshop(tmp_path_factory):
 def test_songs_hold_the_stems_they_name(workshop):
     songs = read_dataset("folder", str(workshop / "songs"))
     assert len(songs) == 2
-    banks = {bank for song in songs for bank in json.loads((workshop / "songs" / song.name / "song.json").read_text())[
-        "banks"].values()}
-    assert banks == {"FluidR3_GM", "FreePats"}  # each part draws its own
+    made = [json.loads((workshop / "songs" / song.name / "song.json").read_text()) for song in songs]
+    assert {bank for recipe in made for bank in recipe["banks"].values()} == {"FluidR3_GM", "FreePats"}  # per part
+    assert all(recipe["spread"] for recipe in made)
     for song in songs:
         stems, other, known = load_song(song)
         assert known.all() and stems.shape[1:] == (2, 7 * 44100)

@@ -175,8 +175,11 @@ def test_a_killed_worker_or_server_leaves_no_partial_files_and_the_song_is_redon
         worker = state_and_parent(server)[1]
         assert worker > 1
         os.kill(worker, signal.SIGKILL)
-        # Orphaned, the server abandons the song at once instead of finishing it.
-        assert wait_for(lambda: state_and_parent(server)[0] in ("gone", "Z"), 5)
+        # Orphaned, the server abandons the song instead of finishing it: when
+        # it goes, none of the song's stems is in place (a retry cannot have
+        # separated all 150 s in the moment an orphan takes to stop).
+        assert wait_for(lambda: state_and_parent(server)[0] in ("gone", "Z"), 240)
+        assert not glob.glob(os.path.join(out, "long", "*.*"))
         # Another worker takes the song on. Its server killed by itself (the
         # kernel's OOM killer, say), the song is asked of a new one, and only
         # the song's own files are removed: not another machine's with the same process id.

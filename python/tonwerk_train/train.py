@@ -28,11 +28,8 @@ from tonwerk_train.stft import FFT_SIZE, HOP, SEGMENT_FRAMES, istft, stft
 
 # The settings a run keeps from its start, with their defaults.
 SETTINGS = {"preset": "cpu", "epochs": 10, "steps": 200, "batch": 8, "frames": 128, "lr": 1e-3, "seed": 1,
-            "remix": 0.5, "timbre": 0.0, "ema": 0.999, "weigh": "mixture"}
+            "remix": 0.5, "timbre": 0.0, "ema": 0.999}
 WARMUP_STEPS = 100
-# With --weigh stem, the level a stem's error is measured against has this
-# share of the mixture's added, so a near-silent stem cannot dominate a batch.
-STEM_FLOOR = 0.1
 
 
 def planes(spectrum, dim):
@@ -77,21 +74,14 @@ class MaskedL1(torch.autograd.Function):
         return gradient * grad_loss, None, None, None, None, None
 
 
-def loss_fn(masks, mixture, targets, known, weigh="mixture"):
+def loss_fn(masks, mixture, targets, known):
     """L1 between masked mixture and target spectra (real and imaginary
-    parts), averaged over channels and bins, averaged over the batch. Each
-    stem's error is relative to the mixture's level, or with weigh="stem" to
-    its own (plus STEM_FLOOR of the mixture's): SDR is scored per stem, so a
-    quiet bass under a loud band then counts as much as the band. Where a
-    song does not label some stems, those and "other" are compared only as
-    their sum, relative to the mixture's level."""
+    parts), averaged over channels and bins, relative to the mixture's
+    level, averaged over the batch. Where a song does not label some stems,
+    those and "other" are compared only as their sum."""
     labelled = known.all(1, keepdim=True)
-    level = mixture.abs().mean(dim=(1, 2, 3))
-    per_example = 1 / ((level + 1e-6) * masks[0, 0].numel() * len(masks))
+    per_example = 1 / ((mixture.abs().mean(dim=(1, 2, 3)) + 1e-6) * masks[0, 0].numel() * len(masks))
     weights = torch.cat([known, labelled], dim=1).to(masks.dtype) * per_example[:, None]
-    if weigh == "stem":
-        own = targets.abs().mean(dim=(2, 3, 4)) + STEM_FLOOR * level[:, None]
-        weights = weights * (level[:, None] + 1e-6) / (own + 1e-6)
     pooled = torch.cat([~known, torch.ones_like(labelled)], dim=1).to(masks.dtype)
     return MaskedL1.apply(masks, planes(mixture, 1).unsqueeze(1), planes(targets, 2), weights, pooled,
                           (~labelled[:, 0]).to(masks.dtype) * per_example)
@@ -156,7 +146,7 @@ def train_step(model, average, optimizer, cache, config, rng, step, device, lap=
     lap("transform")
     masks = model.masks(mixture.abs())
     lap("forward")
-    loss = loss_fn(masks, mixture, targets, known.to(device), config["weigh"])
+    loss = loss_fn(masks, mixture, targets, known.to(device))
     lap("loss")
     optimizer.zero_grad()
     loss.backward()
@@ -228,9 +218,6 @@ def add_arguments(parser):
                         help="share of examples played back up to 1.5 semitones off, and of sources given a "
                              "random EQ (a quarter of that share saturated), so a few sound banks stand for more "
                              "(default 0: off)")
-    parser.add_argument("--weigh", choices=["mixture", "stem"],
-                        help="what each stem's error is measured against: the mixture's level (default), or the "
-                             "stem's own, so quiet stems count as much as loud ones, as they do in SDR")
     parser.add_argument("--ema", type=float, help="decay per step of the weights' moving average (default 0.999)")
     parser.add_argument("--stop-after", type=int, default=0, metavar="EPOCHS",
                         help="end this invocation after EPOCHS epochs; the same command resumes the run")

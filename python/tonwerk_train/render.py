@@ -12,7 +12,7 @@ channel strip of its own, the whole through a mix bus.
 Output: OUT/<banks>-<index>/<stem>.flac for all six stems (silent where the
 song has no such part) and other.flac for the parts that belong to no stem,
 the plain folder layout, plus song.json: the bank, drum kit, amp, voice,
-instruments, production and tempo the song was made with.
+instruments, production, register spread and tempo the song was made with.
 """
 import argparse
 import dataclasses

@@ -24,10 +24,7 @@ def private_server(env, log, period, realtime=False):
     # other load from delaying the clients; without it JACK runs all the same.
     start("jackd", *(["-R"] if realtime else []), "-d", "dummy", "-r", "44100", "-p", str(period))
     try:
-        deadline = time.monotonic() + 20
-        while subprocess.run(["jack_lsp"], env=env, capture_output=True).returncode != 0 and \
-                time.monotonic() < deadline:
-            time.sleep(0.2)
+        wait_until(lambda: ports(env) is not None, 60, "jackd did not answer")
         yield start
     finally:
         for process in reversed(started):
@@ -37,3 +34,26 @@ def private_server(env, log, period, realtime=False):
                 process.wait(timeout=30)
             except subprocess.TimeoutExpired:
                 os.killpg(process.pid, signal.SIGKILL)
+
+
+def ports(env):
+    """The ports the server lists, or None while it does not answer."""
+    listed = subprocess.run(["jack_lsp"], env=env, capture_output=True, text=True)
+    return [line for line in listed.stdout.splitlines() if line] if listed.returncode == 0 else None
+
+
+def client_ports(env):
+    """The ports of clients other than the server's own driver."""
+    return [port for port in ports(env) or [] if not port.startswith("system:")]
+
+
+def wait_until(probe, seconds, failure):
+    """Waits for a state and returns what probe() found; the deadline only guards against a hang."""
+    deadline = time.monotonic() + seconds
+    while True:
+        found = probe()
+        if found:
+            return found
+        if time.monotonic() > deadline:
+            raise AssertionError("%s within %d s" % (failure, seconds))
+        time.sleep(0.1)

@@ -218,15 +218,15 @@ def test_a_server_answering_out_of_turn_is_replaced_and_every_record_names_its_o
 def test_a_song_over_its_time_limit_fails_alone_and_leaves_no_files(tmp_path, standin):
     songs, out = tmp_path / "songs", str(tmp_path / "batch")
     write_songs(songs, "hangs.wav", "a.wav", "b.wav", "c.wav")
-    code, log = finished(batch(str(songs), "-o", out, "--program", standin, "--timeout", "20",
+    code, log = finished(batch(str(songs), "-o", out, "--program", standin, "--timeout", "45",
                                STANDIN_HANG="hangs.wav"))
     assert code == 1, log
     assert {name: (r["status"], r["reason"]) for name, r in manifest(out).items()} == {
-        "hangs.wav": ("failed", "timed out after 20 s"), **dict.fromkeys(["a.wav", "b.wav", "c.wav"],
+        "hangs.wav": ("failed", "timed out after 45 s"), **dict.fromkeys(["a.wav", "b.wav", "c.wav"],
                                                                         ("separated", None))}
     assert not glob.glob(os.path.join(out, "**", ".*"), recursive=True)
     summary = report(out)
-    assert summary.returncode == 1 and "failed: %s: timed out after 20 s" % (songs / "hangs.wav") in summary.stdout
+    assert summary.returncode == 1 and "failed: %s: timed out after 45 s" % (songs / "hangs.wav") in summary.stdout
 
 
 def test_a_killed_driver_leaves_every_finished_songs_record_and_a_rerun_completes_the_rest(tmp_path, standin):

@@ -21,7 +21,7 @@ import numpy as np
 import soundfile
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", ".."))
-from jack_server import private_server  # noqa: E402
+from jack_server import client_ports, private_server, wait_until  # noqa: E402
 
 URI = "urn:tonwerk:stems"
 # Controls, and the output over the delayed input: the identity model puts
@@ -79,6 +79,8 @@ def realtime(env, work, seconds, bundle):
         if presets:  # jalv reads them in with its list
             jalv.stdin.write("presets\npreset %s#preset-baseline\n" % URI)
             jalv.stdin.flush()
+        # Its ports appear once the plugin is active: only then does the time it runs for start.
+        wait_until(lambda: client_ports(env), 120, "jalv registered no ports")
         time.sleep(seconds)
         jalv.communicate("monitors\n", timeout=60)
     log.close()

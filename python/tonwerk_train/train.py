@@ -28,7 +28,7 @@ from tonwerk_train.stft import FFT_SIZE, HOP, SEGMENT_FRAMES, istft, stft
 
 # The settings a run keeps from its start, with their defaults.
 SETTINGS = {"preset": "cpu", "epochs": 10, "steps": 200, "batch": 8, "frames": 128, "lr": 1e-3, "seed": 1,
-            "remix": 0.5, "timbre": 0.0, "ema": 0.999, "balance": 0.0}
+            "remix": 0.5, "timbre": 0.0, "ema": 0.999}
 WARMUP_STEPS = 100
 
 
@@ -74,24 +74,14 @@ class MaskedL1(torch.autograd.Function):
         return gradient * grad_loss, None, None, None, None, None
 
 
-def loss_fn(masks, mixture, targets, known, balance=0.0):
+def loss_fn(masks, mixture, targets, known):
     """L1 between masked mixture and target spectra (real and imaginary
     parts), averaged over channels and bins, relative to the mixture's
     level, averaged over the batch. Where a song does not label some stems,
-    those and "other" are compared only as their sum.
-
-    With `balance` > 0 each labelled source's error is measured relative to
-    its own level plus `balance` times the mixture's instead: SDR scores a
-    quiet stem's errors against the stem, and plain L1 leaves quiet stems
-    (a piano under a band) to the loud ones' leftovers. A source at the
-    mixture's level keeps weight 1, a silent one gets (1 + balance) / balance."""
+    those and "other" are compared only as their sum."""
     labelled = known.all(1, keepdim=True)
-    level = mixture.abs().mean(dim=(1, 2, 3))
-    per_example = 1 / ((level + 1e-6) * masks[0, 0].numel() * len(masks))
+    per_example = 1 / ((mixture.abs().mean(dim=(1, 2, 3)) + 1e-6) * masks[0, 0].numel() * len(masks))
     weights = torch.cat([known, labelled], dim=1).to(masks.dtype) * per_example[:, None]
-    if balance > 0:
-        own = targets.abs().mean(dim=(2, 3, 4)).to(masks.dtype)
-        weights = weights * (1 + balance) * level[:, None] / (own + balance * level[:, None] + 1e-6)
     pooled = torch.cat([~known, torch.ones_like(labelled)], dim=1).to(masks.dtype)
     return MaskedL1.apply(masks, planes(mixture, 1).unsqueeze(1), planes(targets, 2), weights, pooled,
                           (~labelled[:, 0]).to(masks.dtype) * per_example)
@@ -156,7 +146,7 @@ def train_step(model, average, optimizer, cache, config, rng, step, device, lap=
     lap("transform")
     masks = model.masks(mixture.abs())
     lap("forward")
-    loss = loss_fn(masks, mixture, targets, known.to(device), config["balance"])
+    loss = loss_fn(masks, mixture, targets, known.to(device))
     lap("loss")
     optimizer.zero_grad()
     loss.backward()
@@ -228,9 +218,6 @@ def add_arguments(parser):
                         help="share of examples played back up to 1.5 semitones off, and of sources given a "
                              "random EQ (a quarter of that share saturated), so a few sound banks stand for more "
                              "(default 0: off)")
-    parser.add_argument("--balance", type=float,
-                        help="weigh each stem's error by its own level plus BALANCE times the mixture's, so quiet "
-                             "stems count as SDR counts them (default 0: all by the mixture's level)")
     parser.add_argument("--ema", type=float, help="decay per step of the weights' moving average (default 0.999)")
     parser.add_argument("--stop-after", type=int, default=0, metavar="EPOCHS",
                         help="end this invocation after EPOCHS epochs; the same command resumes the run")

@@ -40,7 +40,10 @@ def workshop(tmp_path_factory):
     # Fine-tuning at a learning rate of 0 keeps the function it starts from, here grown to a `cpu` network's size.
     assert main(train + ["--out", str(root / "tuned"), "--epochs", "1", "--lr", "0", "--preset", "cpu-attend",
                          "--init", str(root / "straight/checkpoint.pt")]) == 0
+    assert main(train + ["--out", str(root / "other"), "--epochs", "1", "--seed", "2"]) == 0
     assert main(["export", str(root / "stopped/best.pt"), str(root / "model.onnx")]) == 0
+    assert main(["export", str(root / "stopped/best.pt"), str(root / "other/checkpoint.pt"),
+                 str(root / "pair.onnx")]) == 0
     return root
 
 
@@ -95,14 +98,21 @@ def test_the_export_fits_the_contract(workshop):
     assert check.returncode == 0, check.stdout + check.stderr
 
 
-@pytest.mark.parametrize("stems", [tonwerk.STEMS, ("drum", "bass"), ("vocals",)])
-def test_the_library_streams_what_the_network_computes(workshop, stems):
+@pytest.mark.parametrize("model, checkpoints, stems", [
+    ("model.onnx", ["stopped/best.pt"], tonwerk.STEMS),
+    ("model.onnx", ["stopped/best.pt"], ("drum", "bass")),
+    ("model.onnx", ["stopped/best.pt"], ("vocals",)),
+    # Masks averaged: the stems are the mean of the two networks' stems.
+    ("pair.onnx", ["stopped/best.pt", "other/checkpoint.pt"], tonwerk.STEMS),
+])
+def test_the_library_streams_what_the_network_computes(workshop, model, checkpoints, stems):
     song = read_dataset("folder", str(workshop / "songs"))[0]
     parts, other, _ = load_song(song)
     mixture = (parts.sum(0) + other)[:, 30000:30000 + 3 * 44100]
-    network, _ = load_network(str(workshop / "stopped/best.pt"))
-    expected = library_reference(network, mixture)
-    got = tonwerk.Separator(str(workshop / "model.onnx"), stems=stems).separate(np.ascontiguousarray(mixture.T))
+    each = [library_reference(load_network(str(workshop / name))[0], mixture) for name in checkpoints]
+    expected = np.mean(each, axis=0)
+    assert all(np.abs(member - expected).max() > 100 * PARITY for member in each[1:])  # the members differ
+    got = tonwerk.Separator(str(workshop / model), stems=stems).separate(np.ascontiguousarray(mixture.T))
     for i, name in enumerate(tonwerk.STEMS):
         want = expected[i] if name in stems else np.zeros_like(expected[i])
         np.testing.assert_allclose(got[name].T, want, atol=PARITY, err_msg=name)

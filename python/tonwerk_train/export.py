@@ -18,7 +18,7 @@ import onnx
 import torch
 from torch import nn
 
-from tonwerk_train.model import ModelConfig, Separator
+from tonwerk_train.model import MaskAverage, ModelConfig, Separator
 from tonwerk_train.stems import FLAG_STEMS, STEMS
 from tonwerk_train.stft import BINS, FFT_SIZE, HOP, SEGMENT_FRAMES, from_planes, istft, stft, to_planes
 
@@ -41,18 +41,6 @@ class ContractModel(nn.Module):
         # One product per stem: the flag scales the mask, the mask both parts.
         return tuple((masks[:, index] * gate[stem].float()).unsqueeze(2).mul(planes).reshape(unified_input.shape)
                      for index, stem in enumerate(STEMS))
-
-
-class MaskAverage(nn.Module):
-    """Networks side by side, their masks averaged. Each network's masks sum
-    to one over the sources, so the average does too."""
-
-    def __init__(self, networks):
-        super().__init__()
-        self.networks = nn.ModuleList(networks)
-
-    def masks(self, magnitude):
-        return sum(network.masks(magnitude) for network in self.networks) / len(self.networks)
 
 
 def load_network(checkpoint):

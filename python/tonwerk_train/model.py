@@ -244,6 +244,19 @@ class Separator(nn.Module):
         return self.masks(mixture.abs()) * mixture.unsqueeze(1)
 
 
+class MaskAverage(nn.Module):
+    """Networks side by side, their masks averaged: networks trained apart
+    err in different places. Each network's masks sum to one over the
+    sources, so the average does too."""
+
+    def __init__(self, networks):
+        super().__init__()
+        self.networks = nn.ModuleList(networks)
+
+    def masks(self, magnitude):
+        return sum(network.masks(magnitude) for network in self.networks) / len(self.networks)
+
+
 def channel_axes(name):
     """(axes that carry a layer's output channels, axes that carry its input
     channels) of the parameter `name`; block MLP units count as channels."""

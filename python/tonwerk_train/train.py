@@ -2,6 +2,10 @@
 the fly, an L1 loss on the stems' spectra, an exponential moving average of
 the weights, validation SDR over whole songs per epoch, checkpoints.
 
+With --teacher, trained networks (their masks averaged) make part of every
+target: a network learns what several trained apart agree on, at the cost
+of one.
+
 Every step's data comes from a generator seeded by (seed, step), so a run
 resumed from its checkpoint continues exactly as if it had not stopped. A
 run's settings, its learning-rate schedule among them, are fixed when it
@@ -20,15 +24,16 @@ import torch
 
 from tonwerk_train import datasets
 from tonwerk_train.examples import batch
+from tonwerk_train.export import load_network
 from tonwerk_train.metrics import sdr, sounds
-from tonwerk_train.model import PRESETS, ModelConfig, Separator, grow
+from tonwerk_train.model import PRESETS, MaskAverage, ModelConfig, Separator, grow
 from tonwerk_train.song_cache import SongCache, check_disjoint
 from tonwerk_train.stems import STEMS
 from tonwerk_train.stft import FFT_SIZE, HOP, SEGMENT_FRAMES, istft, stft
 
 # The settings a run keeps from its start, with their defaults.
 SETTINGS = {"preset": "cpu", "epochs": 10, "steps": 200, "batch": 8, "frames": 128, "lr": 1e-3, "seed": 1,
-            "remix": 0.5, "timbre": 0.0, "ema": 0.999}
+            "remix": 0.5, "timbre": 0.0, "ema": 0.999, "teacher": [], "distill": 0.5}
 WARMUP_STEPS = 100
 
 
@@ -136,13 +141,25 @@ class Average:
             mine.lerp_(theirs, 1 - rate)
 
 
-def train_step(model, average, optimizer, cache, config, rng, step, device, lap=lambda phase: None):
+def taught(targets, mixture, teacher, share):
+    """The targets with `share` of each given over to the teacher's estimate
+    of it. Where the true stems are known the teacher adds no facts, but its
+    estimates are ones a network can reach: it shows what of a stem can be
+    told from the mixture, and its errors are smoothed over several networks."""
+    with torch.no_grad():
+        estimates = teacher.masks(mixture.abs()) * mixture.unsqueeze(1)
+    return targets + share * (estimates - targets)
+
+
+def train_step(model, average, optimizer, cache, config, rng, step, device, lap=lambda phase: None, teacher=None):
     """One optimiser step on one batch; returns the loss. `lap(phase)` is
     called as each phase ends, so a benchmark can time them."""
     sources, known, colour = batch(cache, config, rng)
     lap("data")
     targets = stft(sources.to(device)) * colour.to(device)[:, :, None, None]  # (B, 7, 2, T, BINS)
     mixture = targets.sum(1)
+    if teacher is not None:
+        targets = taught(targets, mixture, teacher, config["distill"])
     lap("transform")
     masks = model.masks(mixture.abs())
     lap("forward")
@@ -219,6 +236,11 @@ def add_arguments(parser):
                              "random EQ (a quarter of that share saturated), so a few sound banks stand for more "
                              "(default 0: off)")
     parser.add_argument("--ema", type=float, help="decay per step of the weights' moving average (default 0.999)")
+    parser.add_argument("--teacher", action="append", metavar="CHECKPOINT",
+                        help="a trained network whose estimates make part of every target (repeatable: their "
+                             "masks averaged, as export does); each costs a forward pass per step")
+    parser.add_argument("--distill", type=float,
+                        help="with --teacher: the share of each target that is the teacher's estimate (default 0.5)")
     parser.add_argument("--stop-after", type=int, default=0, metavar="EPOCHS",
                         help="end this invocation after EPOCHS epochs; the same command resumes the run")
     parser.add_argument("--lr", type=float, help="peak learning rate (default 1e-3)")
@@ -295,12 +317,17 @@ def run(args):
     start = torch.load(args.init) if args.init else None
     state = torch.load(checkpoint) if os.path.exists(checkpoint) else None
     config = settings(args, state, start)
+    if config["teacher"] and not 0 < config["distill"] <= 1:
+        raise ValueError("--distill is the teacher's share of each target: above 0, at most 1, not %g"
+                         % config["distill"])
     cache, valid = songs_to_use(args, os.path.join(args.out, "cache"))
     torch.manual_seed(config["seed"])
     model = Separator(ModelConfig.from_dict(config["model"]))
     if start and not state:  # a resumed fine-tuning run continues from its own checkpoint
         grow(model, ModelConfig.from_dict(start["config"]["model"]), start.get("ema", start["model"]))
     model.to(args.device)
+    teacher = MaskAverage([load_network(path)[0] for path in config["teacher"]]).to(args.device) \
+        if config["teacher"] else None
     average = Average(model, config["ema"])
     optimizer = torch.optim.AdamW(model.parameters(), lr=config["lr"], weight_decay=1e-4)
     total = config["epochs"] * config["steps"]
@@ -320,7 +347,8 @@ def run(args):
         started, losses = time.time(), []
         for _ in range(config["steps"] - step % config["steps"]):
             rng = np.random.default_rng([config["seed"], step])
-            losses.append(train_step(model, average, optimizer, cache, config, rng, step, args.device))
+            losses.append(train_step(model, average, optimizer, cache, config, rng, step, args.device,
+                                     teacher=teacher))
             schedule.step()
             step += 1
             progress.update(step, float(np.mean(losses[-20:])))

@@ -16,7 +16,7 @@ from tonwerk_train.examples import OTHER, make_example, retime
 from tonwerk_train.model import PRESETS, Separator
 from tonwerk_train.song_cache import SongCache, check_disjoint
 from tonwerk_train.stems import STEMS
-from tonwerk_train.train import loss_fn, songs_to_use, validate
+from tonwerk_train.train import SETTINGS, Average, loss_fn, songs_to_use, train_step, validate
 
 FRAMES, BINS = 3, 5
 
@@ -180,3 +180,19 @@ def test_validation_hears_whole_songs(songs):
     torch.manual_seed(0)
     _, per_stem = validate(Separator(PRESETS["tiny"]), songs("d"))
     assert np.isfinite(per_stem["vocals"])
+
+
+@pytest.mark.parametrize("share", [0.5, 1.0])
+def test_a_teacher_takes_its_share_of_every_target(songs, share):
+    """Taught by itself, a network's error shrinks by the teacher's share."""
+    torch.manual_seed(0)
+    network = Separator(PRESETS["tiny"])
+    config = {**SETTINGS, "batch": 2, "frames": 8, "distill": share}
+
+    def loss(config):
+        still = torch.optim.SGD(network.parameters(), lr=0)
+        return train_step(network, Average(network, 0.9), still, songs("a"), config, np.random.default_rng(3), 0,
+                          "cpu", teacher=network)
+    alone = loss({**config, "distill": 0})
+    assert alone > 0.01
+    assert loss(config) == pytest.approx((1 - share) * alone, rel=1e-4, abs=1e-6)

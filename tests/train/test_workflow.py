@@ -37,9 +37,11 @@ def workshop(tmp_path_factory):
     assert main(train + ["--out", str(root / "stopped"), "--epochs", "3"]) == 2  # would change the schedule
     assert main(train + ["--out", str(root / "stopped")]) == 0
     assert main(train + ["--out", str(root / "straight"), "--epochs", "2"]) == 0
-    # Fine-tuning at a learning rate of 0 keeps the function it starts from, here grown to a `cpu` network's size.
+    # Fine-tuning at a learning rate of 0 keeps the function it starts from, here grown to a `cpu` network's size;
+    # taught wholly by that function, it has nothing left to learn.
     assert main(train + ["--out", str(root / "tuned"), "--epochs", "1", "--lr", "0", "--preset", "cpu-attend",
-                         "--init", str(root / "straight/checkpoint.pt")]) == 0
+                         "--init", str(root / "straight/checkpoint.pt"),
+                         "--teacher", str(root / "straight/checkpoint.pt"), "--distill", "1"]) == 0
     assert main(train + ["--out", str(root / "other"), "--epochs", "1", "--seed", "2"]) == 0
     assert main(["export", str(root / "stopped/best.pt"), str(root / "model.onnx")]) == 0
     assert main(["export", str(root / "stopped/best.pt"), str(root / "other/checkpoint.pt"),
@@ -75,6 +77,7 @@ def test_a_resumed_run_ends_where_an_uninterrupted_one_does(workshop):
     assert tuned.config.channels == 24
     with torch.no_grad():
         assert torch.allclose(tuned.masks(magnitude), started.masks(magnitude), atol=1e-5)
+    assert json.loads(open(workshop / "tuned/log.jsonl").read())["loss"] < 1e-5
     log = [json.loads(line) for line in open(workshop / "stopped/log.jsonl")]
     assert [r["step"] for r in log] == [2, 4] and all(np.isfinite(r["valid_sdr"]) for r in log)
 

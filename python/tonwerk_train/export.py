@@ -51,6 +51,20 @@ def load_network(checkpoint):
     return network.eval(), state
 
 
+def load_networks(checkpoints):
+    """(network, description) of one checkpoint, or of several as one
+    network that averages their masks."""
+    networks, descriptions = [], []
+    for checkpoint in checkpoints:
+        network, state = load_network(checkpoint)
+        networks.append(network)
+        descriptions.append("step %d, settings %s" % (state["step"], json.dumps(state["config"], sort_keys=True)))
+    if len(networks) == 1:
+        return networks[0], "Mask network trained by tonwerk_train: " + descriptions[0]
+    return MaskAverage(networks), "Average of %d mask networks trained by tonwerk_train: %s" % (
+        len(networks), "; ".join(descriptions))
+
+
 def export(network, path, description="", frames=SEGMENT_FRAMES):
     """Writes the model beside `path` and renames it into place."""
     contract = ContractModel(network.eval(), frames)
@@ -106,17 +120,7 @@ def run(args):
     if not 8 <= args.live_frames <= SEGMENT_FRAMES:
         sys.stderr.write("export: --live-frames must be between 8 and %d, not %d\n" % (SEGMENT_FRAMES, args.live_frames))
         return 2
-    networks, descriptions = [], []
-    for checkpoint in args.checkpoints:
-        network, state = load_network(checkpoint)
-        networks.append(network)
-        descriptions.append("step %d, settings %s" % (state["step"], json.dumps(state["config"], sort_keys=True)))
-    if len(networks) == 1:
-        network, description = networks[0], "Mask network trained by tonwerk_train: " + descriptions[0]
-    else:
-        network = MaskAverage(networks)
-        description = "Average of %d mask networks trained by tonwerk_train: %s" % (
-            len(networks), "; ".join(descriptions))
+    network, description = load_networks(args.checkpoints)
     export(network, args.output, description, args.live_frames)
     print("export: wrote %s (%.1f MB)" % (args.output, os.path.getsize(args.output) / 1e6))
     return 0

@@ -24,9 +24,9 @@ import torch
 
 from tonwerk_train import datasets
 from tonwerk_train.examples import batch
-from tonwerk_train.export import load_network
+from tonwerk_train.export import load_networks
 from tonwerk_train.metrics import sdr, sounds
-from tonwerk_train.model import PRESETS, MaskAverage, ModelConfig, Separator, grow
+from tonwerk_train.model import PRESETS, ModelConfig, Separator, grow
 from tonwerk_train.song_cache import SongCache, check_disjoint
 from tonwerk_train.stems import STEMS
 from tonwerk_train.stft import FFT_SIZE, HOP, SEGMENT_FRAMES, istft, stft
@@ -326,8 +326,7 @@ def run(args):
     if start and not state:  # a resumed fine-tuning run continues from its own checkpoint
         grow(model, ModelConfig.from_dict(start["config"]["model"]), start.get("ema", start["model"]))
     model.to(args.device)
-    teacher = MaskAverage([load_network(path)[0] for path in config["teacher"]]).to(args.device) \
-        if config["teacher"] else None
+    teacher = load_networks(config["teacher"])[0].to(args.device) if config["teacher"] else None
     average = Average(model, config["ema"])
     optimizer = torch.optim.AdamW(model.parameters(), lr=config["lr"], weight_decay=1e-4)
     total = config["epochs"] * config["steps"]

@@ -257,6 +257,20 @@ class MaskAverage(nn.Module):
         return sum(network.masks(magnitude) for network in self.networks) / len(self.networks)
 
 
+def soften(network, power):
+    """Makes each network's masks mask^power, renormalised over the sources,
+    by scaling its logits (the decoder's output) by `power`: free at run
+    time. Below 1 it softens them. Networks trained here are too sure of
+    themselves on sounds they have not heard, and even on their own
+    validation songs; softened masks leave a stem more of what it was
+    unsure of, and score better (see models/README.md)."""
+    members = network.networks if isinstance(network, MaskAverage) else [network]
+    with torch.no_grad():
+        for member in members:
+            for parameter in (*member.decoder.weights, *member.decoder.biases):
+                parameter.mul_(power)
+    return network
+
 def channel_axes(name):
     """(axes that carry a layer's output channels, axes that carry its input
     channels) of the parameter `name`; block MLP units count as channels."""

@@ -9,7 +9,7 @@ import pytest
 from tonwerk_train.lv2_host import BLOCK, Plugin
 
 BUILD = os.environ.get("TONWERK_BUILD_DIR", os.path.join(os.path.dirname(__file__), "../../build"))
-BUNDLES = os.path.join(BUILD, "tests/lv2/identity")
+BUNDLES = os.path.abspath(os.path.join(BUILD, "tests/lv2/identity"))  # lilv crashes on a relative LV2_PATH
 # The adapter's latency at the plugin's default settings for a host block limit.
 LATENCY = 3072 + 1024 * 4 + 2 * 1024 * 4 + BLOCK
 

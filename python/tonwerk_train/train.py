@@ -1,6 +1,7 @@
 """Training: aligned segments of multitrack songs, remixed and augmented on
-the fly, an L1 loss on the stems' spectra, an exponential moving average of
-the weights, validation SDR over whole songs per epoch, checkpoints.
+the fly, an L1 loss on the stems' spectra (or, with --loss sdr, minus each
+stem's SDR), an exponential moving average of the weights, validation SDR
+over whole songs per epoch, checkpoints.
 
 With --teacher, trained networks (their masks averaged) make part of every
 target: a network learns what several trained apart agree on, at the cost
@@ -33,7 +34,8 @@ from tonwerk_train.stft import FFT_SIZE, HOP, SEGMENT_FRAMES, istft, stft
 
 # The settings a run keeps from its start, with their defaults.
 SETTINGS = {"preset": "cpu", "epochs": 10, "steps": 200, "batch": 8, "frames": 128, "lr": 1e-3, "seed": 1,
-            "remix": 0.5, "timbre": 0.0, "ema": 0.999, "teacher": [], "distill": 0.5}
+            "remix": 0.5, "timbre": 0.0, "ema": 0.999, "teacher": [], "distill": 0.5,
+            "loss": "l1"}
 WARMUP_STEPS = 100
 
 
@@ -90,6 +92,38 @@ def loss_fn(masks, mixture, targets, known):
     pooled = torch.cat([~known, torch.ones_like(labelled)], dim=1).to(masks.dtype)
     return MaskedL1.apply(masks, planes(mixture, 1).unsqueeze(1), planes(targets, 2), weights, pooled,
                           (~labelled[:, 0]).to(masks.dtype) * per_example)
+
+
+def sdr_loss(masks, mixture, targets, known, floor=1e-3):
+    """Minus the SDR of every stem of every example, in dB, averaged: each
+    stem's error energy against its own, so a quiet stem counts as much as
+    a loud one, as it does in evaluation. Where a song does not label some
+    stems, those and "other" count as their sum. A stem near silence would
+    make the ratio explode, so both energies get `floor` times the mixture's
+    added. L1's best mask for a cell the network cannot place is all or
+    nothing (the median); squared errors are best served by the mean."""
+    labelled = known.all(1, keepdim=True)
+    error = masks * mixture.unsqueeze(1) - targets  # (B, 7, 2, T, F)
+    floor = floor * mixture.abs().pow(2).sum(dim=(1, 2, 3))[:, None]
+
+    def ratio(err, target):
+        """(dB, whether the target sounds): silent targets are left out, as evaluation leaves them out."""
+        energy = target.abs().pow(2).sum(dim=(-3, -2, -1))
+        return 10 * (torch.log10(err.abs().pow(2).sum(dim=(-3, -2, -1)) + floor) - torch.log10(energy + floor)), \
+            energy > floor
+
+    own, sounding = ratio(error, targets)
+    weights = torch.cat([known, labelled], dim=1) & sounding
+    terms, count = (own * weights).sum(), weights.sum()
+    if not labelled.all():
+        pooled = torch.cat([~known, torch.ones_like(labelled)], dim=1).to(masks.dtype)[:, :, None, None, None]
+        grouped, sounding = ratio((error * pooled).sum(1, keepdim=True), (targets * pooled).sum(1, keepdim=True))
+        weights = ~labelled & sounding
+        terms, count = terms + (grouped * weights).sum(), count + weights.sum()
+    return terms / count.clamp(min=1)
+
+
+LOSSES = {"l1": loss_fn, "sdr": sdr_loss}
 
 
 def separate(model, mixture):
@@ -163,7 +197,7 @@ def train_step(model, average, optimizer, cache, config, rng, step, device, lap=
     lap("transform")
     masks = model.masks(mixture.abs())
     lap("forward")
-    loss = loss_fn(masks, mixture, targets, known.to(device))
+    loss = LOSSES[config["loss"]](masks, mixture, targets, known.to(device))
     lap("loss")
     optimizer.zero_grad()
     loss.backward()
@@ -241,6 +275,9 @@ def add_arguments(parser):
                              "masks averaged, as export does); each costs a forward pass per step")
     parser.add_argument("--distill", type=float,
                         help="with --teacher: the share of each target that is the teacher's estimate (default 0.5)")
+    parser.add_argument("--loss", choices=sorted(LOSSES),
+                        help="l1: of the stems' spectra, relative to the mixture's level (default); sdr: minus "
+                             "each stem's SDR in dB, so quiet stems count as much as loud ones")
     parser.add_argument("--stop-after", type=int, default=0, metavar="EPOCHS",
                         help="end this invocation after EPOCHS epochs; the same command resumes the run")
     parser.add_argument("--lr", type=float, help="peak learning rate (default 1e-3)")

@@ -16,7 +16,7 @@ from tonwerk_train.examples import OTHER, make_example, retime
 from tonwerk_train.model import PRESETS, Separator
 from tonwerk_train.song_cache import SongCache, check_disjoint
 from tonwerk_train.stems import STEMS
-from tonwerk_train.train import SETTINGS, Average, loss_fn, songs_to_use, train_step, validate
+from tonwerk_train.train import SETTINGS, Average, loss_fn, sdr_loss, songs_to_use, train_step, validate
 
 FRAMES, BINS = 3, 5
 
@@ -33,6 +33,7 @@ def masks_giving(estimates, mixture):
     return (estimates / mixture.unsqueeze(1)).real
 
 
+@pytest.mark.parametrize("loss_of", [loss_fn, sdr_loss])
 @pytest.mark.parametrize("unlabelled, moved_to, zero", [
     ((), None, True),            # every stem labelled, estimates exact
     ((2, 3), 3, True),           # piano's share put into a guitar: both unlabelled, only their sum counts
@@ -41,7 +42,7 @@ def masks_giving(estimates, mixture):
     ((2, 3), -1, False),         # ... nor dropped: the sum must still match
     ((), 3, False),              # labelled piano moved into a labelled guitar
 ])
-def test_unlabelled_stems_count_only_as_their_sum_with_other(unlabelled, moved_to, zero):
+def test_unlabelled_stems_count_only_as_their_sum_with_other(unlabelled, moved_to, zero, loss_of):
     parts, _ = spectra(1)
     parts = parts.real.to(torch.complex64) * (1 + 0.5j)  # one phase everywhere: masks are exact
     mixture = parts.sum(1)
@@ -55,8 +56,28 @@ def test_unlabelled_stems_count_only_as_their_sum_with_other(unlabelled, moved_t
     if moved_to is not None:
         estimates[:, moved_to] += estimates[:, 2] if moved_to >= 0 else 0
         estimates[:, 2] = 0
-    loss = float(loss_fn(masks_giving(estimates, mixture), mixture, targets, known))
-    assert (loss < 1e-5) == zero, loss
+    loss, best = (float(loss_of(masks_giving(e, mixture), mixture, targets, known)) for e in (estimates, parts))
+    assert (abs(loss - best) < 1e-4) == zero, (loss, best)
+
+
+def test_the_sdr_loss_takes_each_sounding_stem_at_its_own_level():
+    parts, _ = spectra(3)
+    parts = parts.real.to(torch.complex64) * (1 + 0.5j)
+    parts[:, 1] *= 0.5  # a quiet stem
+    parts[:, 4] = 0  # a silent one
+    mixture, known = parts.sum(1), torch.ones(1, 6, dtype=torch.bool)
+
+    def loss(lost=None, leaked=0):  # every stem at half its level, `lost` missing, `leaked` in the silent one
+        estimates = parts * 0.5
+        if lost is not None:
+            estimates[:, lost] = 0
+        estimates[:, 4] = leaked * mixture
+        return float(sdr_loss(masks_giving(estimates, mixture), mixture, parts, known))
+
+    # Losing a stem whole costs about 6 dB of its own SDR over losing half, loud or quiet; what lands in a
+    # silent stem is not scored there (it is scored where it went missing).
+    assert loss(lost=0) - loss() == pytest.approx(loss(lost=1) - loss(), abs=0.5)
+    assert loss(leaked=0.3) == pytest.approx(loss(), abs=1e-6)
 
 
 @pytest.mark.parametrize("labels", [[[1] * 6, [1] * 6], [[1] * 6, [1, 0, 1, 1, 0, 1]]],
@@ -196,3 +217,5 @@ def test_a_teacher_takes_its_share_of_every_target(songs, share):
     alone = loss({**config, "distill": 0})
     assert alone > 0.01
     assert loss(config) == pytest.approx((1 - share) * alone, rel=1e-4, abs=1e-6)
+    # Wholly taught, the SDR loss is its floor: below -3 dB for every stem that sounds.
+    assert loss({**config, "distill": 1, "loss": "sdr"}) < -3

@@ -109,9 +109,7 @@ def test_the_export_fits_the_contract(workshop):
     assert check.returncode == 0, check.stdout + check.stderr
 
 
-class Powered(torch.nn.Module):
-    """A network whose masks are raised to `power` and renormalised."""
-
+class Powered(torch.nn.Module):  # a network whose masks are raised to `power` and renormalised
     def __init__(self, network, power):
         super().__init__()
         self.network, self.power = network, power

@@ -271,6 +271,7 @@ def soften(network, power):
                 parameter.mul_(power)
     return network
 
+
 def channel_axes(name):
     """(axes that carry a layer's output channels, axes that carry its input
     channels) of the parameter `name`; block MLP units count as channels."""

@@ -81,15 +81,23 @@ class MaskedL1(torch.autograd.Function):
         return gradient * grad_loss, None, None, None, None, None
 
 
+def scored_alone_or_pooled(known):
+    """(whether each example labels every stem (B, 1), the sources scored on
+    their own (B, 7), the sources scored only as their sum (B, 7)): where a
+    song does not label some stems, those and "other" count only together."""
+    labelled = known.all(1, keepdim=True)
+    return labelled, torch.cat([known, labelled], dim=1), torch.cat([~known, torch.ones_like(labelled)], dim=1)
+
+
 def loss_fn(masks, mixture, targets, known):
     """L1 between masked mixture and target spectra (real and imaginary
     parts), averaged over channels and bins, relative to the mixture's
     level, averaged over the batch. Where a song does not label some stems,
     those and "other" are compared only as their sum."""
-    labelled = known.all(1, keepdim=True)
+    labelled, alone, pooled = scored_alone_or_pooled(known)
     per_example = 1 / ((mixture.abs().mean(dim=(1, 2, 3)) + 1e-6) * masks[0, 0].numel() * len(masks))
-    weights = torch.cat([known, labelled], dim=1).to(masks.dtype) * per_example[:, None]
-    pooled = torch.cat([~known, torch.ones_like(labelled)], dim=1).to(masks.dtype)
+    weights = alone.to(masks.dtype) * per_example[:, None]
+    pooled = pooled.to(masks.dtype)
     return MaskedL1.apply(masks, planes(mixture, 1).unsqueeze(1), planes(targets, 2), weights, pooled,
                           (~labelled[:, 0]).to(masks.dtype) * per_example)
 
@@ -102,7 +110,7 @@ def sdr_loss(masks, mixture, targets, known, floor=1e-3):
     make the ratio explode, so both energies get `floor` times the mixture's
     added. L1's best mask for a cell the network cannot place is all or
     nothing (the median); squared errors are best served by the mean."""
-    labelled = known.all(1, keepdim=True)
+    labelled, alone, pooled = scored_alone_or_pooled(known)
     error = masks * mixture.unsqueeze(1) - targets  # (B, 7, 2, T, F)
     floor = floor * mixture.abs().pow(2).sum(dim=(1, 2, 3))[:, None]
 
@@ -113,10 +121,10 @@ def sdr_loss(masks, mixture, targets, known, floor=1e-3):
             energy > floor
 
     own, sounding = ratio(error, targets)
-    weights = torch.cat([known, labelled], dim=1) & sounding
+    weights = alone & sounding
     terms, count = (own * weights).sum(), weights.sum()
     if not labelled.all():
-        pooled = torch.cat([~known, torch.ones_like(labelled)], dim=1).to(masks.dtype)[:, :, None, None, None]
+        pooled = pooled.to(masks.dtype)[:, :, None, None, None]
         grouped, sounding = ratio((error * pooled).sum(1, keepdim=True), (targets * pooled).sum(1, keepdim=True))
         weights = ~labelled & sounding
         terms, count = terms + (grouped * weights).sum(), count + weights.sum()

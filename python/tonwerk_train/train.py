@@ -108,11 +108,13 @@ def sdr_loss(masks, mixture, targets, known, floor=1e-3):
     a loud one, as it does in evaluation. Where a song does not label some
     stems, those and "other" count as their sum. A stem near silence would
     make the ratio explode, so both energies get `floor` times the mixture's
-    added. L1's best mask for a cell the network cannot place is all or
-    nothing (the median); squared errors are best served by the mean."""
+    added, and a hair more, so that a silent segment (a rest in every part)
+    is left out instead of turning loss and weights into NaN. L1's best
+    mask for a cell the network cannot place is all or nothing (the
+    median); squared errors are best served by the mean."""
     labelled, alone, pooled = scored_alone_or_pooled(known)
     error = masks * mixture.unsqueeze(1) - targets  # (B, 7, 2, T, F)
-    floor = floor * mixture.abs().pow(2).sum(dim=(1, 2, 3))[:, None]
+    floor = floor * mixture.abs().pow(2).sum(dim=(1, 2, 3))[:, None] + 1e-12
 
     def ratio(err, target):
         """(dB, whether the target sounds): silent targets are left out, as evaluation leaves them out."""

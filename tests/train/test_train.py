@@ -78,6 +78,11 @@ def test_the_sdr_loss_takes_each_sounding_stem_at_its_own_level():
     # silent stem is not scored there (it is scored where it went missing).
     assert loss(lost=0) - loss() == pytest.approx(loss(lost=1) - loss(), abs=0.5)
     assert loss(leaked=0.3) == pytest.approx(loss(), abs=1e-6)
+    # A silent segment beside it is left out, and leaves loss and gradient finite.
+    masks = masks_giving(parts * 0.5, mixture).repeat(2, 1, 1, 1, 1).requires_grad_()
+    both = sdr_loss(masks, torch.cat([mixture, 0 * mixture]), torch.cat([parts, 0 * parts]), known.repeat(2, 1))
+    both.backward()
+    assert float(both) == pytest.approx(loss(), abs=1e-6) and torch.isfinite(masks.grad).all()
 
 
 @pytest.mark.parametrize("labels", [[[1] * 6, [1] * 6], [[1] * 6, [1, 0, 1, 1, 0, 1]]],

@@ -1,7 +1,7 @@
 """SDR of a model run through the library, per stem, beside two yardsticks.
 
     python3 -m tonwerk_train evaluate MODEL SONGS_DIR [--json OUT.json] [--dataset KIND]
-                                      [--live LOOKAHEAD [--update U]]
+                                      [--live LOOKAHEAD [--update U]] [--where]
 
 Every song's mixture (its stems plus its other sources) goes through the
 `tonwerk` binding with all six stems asked for. Per stem the table shows the
@@ -15,6 +15,10 @@ the song's labels do not know counts nowhere.
 
 With --live the songs go through the live engine instead, each from
 silence, with its latency taken off: what live use costs in quality.
+
+With --where a second table tells where each source's sound went: per true
+source (the six stems and "other"), the share of it that each output (the
+six stems and the residual) carries, mean over the songs where it sounds.
 """
 import json
 
@@ -29,6 +33,8 @@ from tonwerk_train.stems import STEMS
 
 BLOCK_FRAMES = 256  # mask frames per step: bounds the memory on long songs
 COLUMNS = ("model", "trivial", "ceiling", "leak")
+OUTPUTS = STEMS + ("residual",)  # together they make up the mixture
+WHERE_SAMPLES = 1 << 18  # samples per channel per piece of the --where sums
 
 
 def _span(signal, start, stop):
@@ -56,8 +62,9 @@ def ideal_ratio_mask(stems, other):
 
 
 def score_song(separate, stems, other, known):
-    """One song's {column: value} per stem; None where the column does not
-    apply. `separate` maps a mixture (frames, 2) to the eight outputs."""
+    """One song's ({column: value} per stem, None where the column does not
+    apply; where_song's shares). `separate` maps a mixture (frames, 2) to the
+    eight outputs."""
     mixture = stems.sum(0) + other
     outputs = separate(mixture.T)
     # Lists and broadcasts, not stacked copies: a long song's stems are large.
@@ -76,7 +83,32 @@ def score_song(separate, stems, other, known):
         else:
             row.update({column: sdr(reference, estimates[column][index]) for column in COLUMNS[:3]})
         rows.append(row)
-    return rows
+    return rows, where_song(outputs, stems, other, known)
+
+
+def where_song(outputs, stems, other, known):
+    """{source: {output: share}} for each true source that sounds: the
+    weights of the least-squares fit of every output by the true sources, read
+    per source. The outputs add up to the mixture, so a source's shares add up
+    to one; sources that coincide split their share evenly (the fit of least
+    norm)."""
+    named = [(stem, stems[index]) for index, stem in enumerate(STEMS) if known[index]] + [("other", other)]
+    named = [(name, audio) for name, audio in named if sounds(audio)]
+    if not named:
+        return {}
+    sources, targets = [audio for _, audio in named], [outputs[name].T for name in OUTPUTS]
+    gram, cross = np.zeros((len(sources),) * 2), np.zeros((len(sources), len(targets)))
+
+    def piece(signals, start):
+        return np.stack([x[:, start:start + WHERE_SAMPLES].ravel() for x in signals]).astype(np.float64)
+
+    # The products in pieces: a long song's sources in double precision would not fit.
+    for start in range(0, sources[0].shape[-1], WHERE_SAMPLES):
+        s = piece(sources, start)
+        gram += s @ s.T
+        cross += s @ piece(targets, start).T
+    weights = np.linalg.pinv(gram) @ cross  # (sources, outputs)
+    return {name: dict(zip(OUTPUTS, map(float, row))) for (name, _), row in zip(named, weights)}
 
 
 def _mean(values):
@@ -85,9 +117,10 @@ def _mean(values):
 
 
 def evaluate(model, root, dataset="folder", live=None, update=4):
-    """{stem: {column: mean over songs, "songs": songs scored, "absent": songs
-    leaked into}, "mean": the means over stems that have a value}. `live`:
-    the lookahead of the live engine to use instead of the stream."""
+    """({stem: {column: mean over songs, "songs": songs scored, "absent":
+    songs leaked into}, "mean": the means over stems that have a value},
+    {source: {output: mean share, "songs": songs it sounds in}}). `live`: the
+    lookahead of the live engine to use instead of the stream."""
     songs = read_dataset(dataset, root)
     if live is None:
         separate = tonwerk.Separator(model, stems=STEMS).separate
@@ -95,7 +128,7 @@ def evaluate(model, root, dataset="folder", live=None, update=4):
         with open(model, "rb") as file:
             data = file.read()
         separate = lambda audio: tonwerk.LiveSeparator(data, update, live, STEMS).separate(audio)
-    per_song = [score_song(separate, *load_song(song)) for song in songs]
+    per_song, shares = zip(*[score_song(separate, *load_song(song)) for song in songs])
     table = {}
     for index, stem in enumerate(STEMS):
         rows = [song[index] for song in per_song]
@@ -104,7 +137,17 @@ def evaluate(model, root, dataset="folder", live=None, update=4):
         table[stem]["absent"] = sum(row["leak"] is not None for row in rows)
     table["mean"] = {column: _mean(table[stem][column] for stem in STEMS) for column in COLUMNS}
     table["mean"]["songs"] = len(songs)
-    return table
+    return table, _where(shares)
+
+
+def _where(shares):
+    where = {}
+    for source in STEMS + ("other",):
+        rows = [song[source] for song in shares if source in song]
+        if rows:
+            where[source] = {output: float(np.mean([row[output] for row in rows])) for output in OUTPUTS}
+            where[source]["songs"] = len(rows)
+    return where
 
 
 def format_table(table):
@@ -112,6 +155,13 @@ def format_table(table):
     lines = ["%-16s" % "stem" + "".join("%9s" % name for name in COLUMNS + ("songs",))]
     for name, row in table.items():
         lines.append("%-16s" % name + "".join(cell(row[column]) for column in COLUMNS) + "%9d" % row["songs"])
+    return "\n".join(lines)
+
+
+def format_where(where):
+    lines = ["%-16s" % "source -> output" + "".join("%7s" % name[:6] for name in OUTPUTS) + "%7s" % "songs"]
+    for source, row in where.items():
+        lines.append("%-16s" % source + "".join("%7.2f" % row[name] for name in OUTPUTS) + "%7d" % row["songs"])
     return "\n".join(lines)
 
 
@@ -124,14 +174,18 @@ def add_arguments(parser):
     parser.add_argument("--live", type=int, metavar="LOOKAHEAD",
                         help="separate with the live engine and this lookahead (frames of 1024)")
     parser.add_argument("--update", type=int, default=4, help="with --live: hops per model run")
+    parser.add_argument("--where", action="store_true",
+                        help="also print where each source's sound went (the json always has it)")
 
 
 def run(args):
     """Prints the table, its last row the means over stems; 0 is the exit status."""
-    table = evaluate(args.model, args.songs, args.dataset, args.live, args.update)
+    table, where = evaluate(args.model, args.songs, args.dataset, args.live, args.update)
     print(format_table(table))
+    if args.where:
+        print(format_where(where))
     if args.json:
         with open(args.json, "w") as file:
-            json.dump({"model": str(args.model), "live": args.live, "update": args.update, "stems": table},
-                      file, indent=2)
+            json.dump({"model": str(args.model), "live": args.live, "update": args.update, "stems": table,
+                       "where": where}, file, indent=2)
     return 0

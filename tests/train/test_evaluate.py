@@ -27,20 +27,26 @@ VOCALS = sdr(SONGS["a"]["vocals"], MIX["a"])  # the identity model: the mixture 
 
 # The stream, and the live engine with its latency taken off: the same table.
 @pytest.fixture(scope="module", params=[[], ["--live", "2", "--update", "3"]], ids=["stream", "live"])
-def table(tmp_path_factory, request):
+def report(tmp_path_factory, request):
     root = tmp_path_factory.mktemp("songs")
     for song, sources in SONGS.items():
         for name, mono in sources.items():
             (root / song).mkdir(exist_ok=True)
             soundfile.write(str(root / song / (name + ".wav")), mono.astype(np.float32), 44100, subtype="FLOAT")
     evaluate.add_arguments(parser := argparse.ArgumentParser())
-    args = parser.parse_args([os.path.join(MODELS, "identity.onnx"), str(root), "--json", str(root / "out.json")]
-                             + request.param)
+    args = parser.parse_args([os.path.join(MODELS, "identity.onnx"), str(root), "--json", str(root / "out.json"),
+                              "--where"] + request.param)
     with pytest.MonkeyPatch.context() as patch:
         patch.setattr(evaluate, "BLOCK_FRAMES", 16)  # the ratio mask in many blocks, the last one short
+        patch.setattr(evaluate, "WHERE_SAMPLES", 10000)  # so are the --where sums
         assert evaluate.run(args) == 0  # the exit status
     with open(args.json) as file:
-        return json.load(file)["stems"]
+        return json.load(file)
+
+
+@pytest.fixture
+def table(report):
+    return report["stems"]
 
 
 @pytest.mark.parametrize("stem, column, expected, tolerance", [
@@ -58,3 +64,14 @@ def test_songs_counted_and_ceiling_high(table):
                        "electric_guitar": (0, 0), "bass": (1, 0)}
     assert table["piano"]["leak"] < -60  # silence where the identity model puts nothing
     assert all(table[stem]["ceiling"] > 20 for stem, (songs, _) in counted.items() if songs)
+
+
+def test_where_every_source_went(report):
+    # The identity model passes the whole mixture as vocals: every source that
+    # sounds lands there whole. In song b the extra doubles the piano exactly,
+    # so the two split the vocals' fit evenly instead of making it singular.
+    where = report["where"]
+    assert {source: row.pop("songs") for source, row in where.items()} == {
+        "vocals": 1, "drum": 2, "piano": 1, "bass": 1, "other": 2}
+    for source, row in where.items():
+        assert row == pytest.approx({output: float(output == "vocals") for output in evaluate.OUTPUTS}, abs=0.02)

@@ -34,6 +34,7 @@ from tonwerk_train.stems import STEMS
 BLOCK_FRAMES = 256  # mask frames per step: bounds the memory on long songs
 COLUMNS = ("model", "trivial", "ceiling", "leak")
 OUTPUTS = STEMS + ("residual",)  # together they make up the mixture
+SOURCE_NAMES = STEMS + ("other",)  # what a song is made of
 WHERE_SAMPLES = 1 << 18  # samples per channel per piece of the --where sums
 
 
@@ -92,8 +93,8 @@ def where_song(outputs, stems, other, known):
     per source. The outputs add up to the mixture, so a source's shares add up
     to one; sources that coincide split their share evenly (the fit of least
     norm)."""
-    named = [(stem, stems[index]) for index, stem in enumerate(STEMS) if known[index]] + [("other", other)]
-    named = [(name, audio) for name, audio in named if sounds(audio)]
+    named = [(name, audio) for name, audio, labelled in zip(SOURCE_NAMES, [*stems, other], [*known, True])
+             if labelled and sounds(audio)]
     if not named:
         return {}
     sources, targets = [audio for _, audio in named], [outputs[name].T for name in OUTPUTS]
@@ -142,10 +143,10 @@ def evaluate(model, root, dataset="folder", live=None, update=4):
 
 def _where(shares):
     where = {}
-    for source in STEMS + ("other",):
+    for source in SOURCE_NAMES:
         rows = [song[source] for song in shares if source in song]
         if rows:
-            where[source] = {output: float(np.mean([row[output] for row in rows])) for output in OUTPUTS}
+            where[source] = {output: _mean(row[output] for row in rows) for output in OUTPUTS}
             where[source]["songs"] = len(rows)
     return where
 

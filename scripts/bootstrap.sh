@@ -22,7 +22,7 @@ DEBIAN_PACKAGES=(
   python3-onnx python3-numpy python3-pytest python3-soundfile python3-pip python3-setuptools python3-wheel
   # model training: PyTorch with a threaded BLAS, and General MIDI renderers and sounds
   python3-torch libopenblas0-pthread python3-yaml fluidsynth timidity fluid-soundfont-gm timgm6mb-soundfont freepats
-  mda-lv2
+  mda-lv2 zynaddsubfx-lv2
   # live separation: the LV2 plugin, the hosts that test it, and the JACK example
   lv2-dev lilv-utils jalv jackd2 libjack-jackd2-dev
   # batch separation across processes and machines

@@ -30,6 +30,7 @@ URID = "http://lv2plug.in/ns/ext/urid#"
 WORKER = "http://lv2plug.in/ns/ext/worker#"
 OPTIONS = "http://lv2plug.in/ns/ext/options#"
 BUFSZ = "http://lv2plug.in/ns/ext/buf-size#"
+STATE = "http://lv2plug.in/ns/ext/state#"
 MIDI_EVENT = "http://lv2plug.in/ns/ext/midi#MidiEvent"
 
 
@@ -62,6 +63,16 @@ class WorkerInterface(ctypes.Structure):
                                           ctypes.c_uint32, ctypes.c_void_p)),
                 ("work_response", ctypes.CFUNCTYPE(ctypes.c_int, ctypes.c_void_p, ctypes.c_uint32, ctypes.c_void_p)),
                 ("end_run", ctypes.CFUNCTYPE(ctypes.c_int, ctypes.c_void_p))]
+
+
+RetrieveFunction = ctypes.CFUNCTYPE(ctypes.c_void_p, ctypes.c_void_p, ctypes.c_uint32, ctypes.POINTER(ctypes.c_size_t),
+                                    ctypes.POINTER(ctypes.c_uint32), ctypes.POINTER(ctypes.c_uint32))
+
+
+class StateInterface(ctypes.Structure):
+    _fields_ = [("save", ctypes.c_void_p),
+                ("restore", ctypes.CFUNCTYPE(ctypes.c_int, ctypes.c_void_p, RetrieveFunction, ctypes.c_void_p,
+                                             ctypes.c_uint32, ctypes.c_void_p))]
 
 
 class Option(ctypes.Structure):
@@ -197,6 +208,29 @@ class Plugin:
             self.worker.work_response(handle, len(body), body)
         if self.worker and self.worker.end_run:
             self.worker.end_run(handle)
+
+    def restore(self, values):
+        """Hands the plugin a saved state: {key URI: text}, as a preset or a
+        session would. Raises if the plugin keeps no state or refuses it."""
+        extension_data = self.instance.contents.descriptor.contents.extension_data
+        interface = extension_data and extension_data((STATE + "interface").encode())
+        if not interface:
+            raise ValueError("the plugin keeps no state")
+        texts = {self.urids(key): ctypes.create_string_buffer(text.encode()) for key, text in values.items()}
+        string_type = self.urids(ATOM + "String")
+
+        def retrieve(handle, key, size, value_type, flags):
+            if key not in texts:
+                return None
+            size[0], value_type[0], flags[0] = len(texts[key]), string_type, 0
+            return ctypes.addressof(texts[key])
+
+        callback = RetrieveFunction(retrieve)
+        no_features = (ctypes.c_void_p * 1)(None)
+        status = ctypes.cast(interface, ctypes.POINTER(StateInterface)).contents.restore(
+            self.instance.contents.handle, callback, None, 0, no_features)
+        if status != 0:
+            raise ValueError("the plugin refused the state (status %d)" % status)
 
     def _connect(self, index, buffer):
         self.instance.contents.descriptor.contents.connect_port(self.instance.contents.handle, index,

@@ -4,7 +4,8 @@ position, width and level, so no mixing convention can be learned. A song's
 drums come from the bank's own kit or from a recorded kit (drum_kits.py),
 its electric guitar mostly through an amp and cabinet (guitar_amp.py), its
 piano from the bank or an instrument plugin (keyboards.py), its acoustic
-guitar from the bank or a plucked-string model (plucked_string.py), its
+guitar from the bank or a plucked-string model (plucked_string.py), any
+pitched part maybe from a synthesizer's instruments (synth_presets.py), its
 vocals mostly sung by a synthetic voice (voices.py) rather than choir pads.
 Most songs are then mixed and mastered (production.py): each part through a
 channel strip of its own, the whole through a mix bus.
@@ -26,7 +27,7 @@ import tempfile
 import numpy as np
 import soundfile
 
-from tonwerk_train import drum_kits, guitar_amp, keyboards, plucked_string, voices
+from tonwerk_train import drum_kits, guitar_amp, keyboards, plucked_string, synth_presets, voices
 from tonwerk_train.composer import DRUM_CHANNEL, compose
 from tonwerk_train.midi_file import write_midi
 from tonwerk_train.production import channel_strip, master
@@ -51,7 +52,7 @@ AMP_SHARE = 0.85  # of the electric guitars, when amps are allowed; the rest kee
 # Where a stem's part may come from besides the banks (a song draws one evenly), and who plays each source.
 INSTRUMENTS = {"piano": (BANK_KIT, *keyboards.SOURCES), "acoustic_guitar": (BANK_KIT, *plucked_string.SOURCES)}
 PLAYERS = {**{source: keyboards for source in keyboards.SOURCES},
-           **{source: plucked_string for source in plucked_string.SOURCES}}
+           **{source: plucked_string for source in plucked_string.SOURCES}, synth_presets.SOURCE: synth_presets}
 
 
 def pick(listing, catalogue, what):
@@ -67,13 +68,14 @@ def pick(listing, catalogue, what):
     return [name for name in catalogue if name in chosen]
 
 
-def missing_material(kits, amps, sung, pianos=()):
-    """The Debian packages that the drum kits, amps, voices and pianos need and that are not installed."""
+def missing_material(kits, amps, sung, pianos=(), synths=0.0):
+    """The Debian packages that the drum kits, amps, voices, pianos and synths need and that are not installed."""
     present = lambda kit: os.path.isfile(drum_kits.SOUNDFONT_KITS[kit]) if kit in drum_kits.SOUNDFONT_KITS \
         else os.path.isdir(os.path.join(drum_kits.HYDROGEN_DIR, kit))
     missing = {drum_kits.PACKAGES[kit] for kit in kits if kit != BANK_KIT and not present(kit)}
     missing |= {guitar_amp.PACKAGE} if amps and not guitar_amp.installed() else set()
     missing |= {keyboards.PACKAGE} if set(pianos) - {BANK_KIT} and not keyboards.installed() else set()
+    missing |= {synth_presets.PACKAGE} if synths > 0 and not synth_presets.installed() else set()
     return sorted(missing | set(voices.missing_tools() if sung else ()))
 
 
@@ -145,6 +147,7 @@ class Recipe:
     pianos: tuple = (BANK_KIT,)  # where piano parts come from (INSTRUMENTS)
     acoustics: tuple = (BANK_KIT,)  # where acoustic guitar parts come from
     spread: float = 0.0  # share of songs whose stems' registers overlap (see composer)
+    synths: float = 0.0  # share of pitched parts (synth_presets.STEMS) played by a synthesizer's instrument
 
 
 def draw_instrument(rng, sources):
@@ -154,6 +157,15 @@ def draw_instrument(rng, sources):
     if source == BANK_KIT:
         return None
     return PLAYERS[source].draw_settings(rng, source)
+
+
+def draw_synths(rng, parts, share):
+    """{stem: synth settings} for the pitched parts a synthesizer plays instead. A share of 0 draws no
+    number, so songs of runs without synths keep their seeds."""
+    if share <= 0:
+        return {}
+    return {stem: synth_presets.draw_settings(rng, stem) for stem in synth_presets.STEMS
+            if stem in parts and rng.random() < share}
 
 
 def make_song(out_dir, index, recipe):
@@ -179,6 +191,8 @@ def make_song(out_dir, index, recipe):
     # One bank draws no number, so a single-bank run renders as it always has.
     banks = {name: recipe.banks[int(rng.integers(len(recipe.banks))) if len(recipe.banks) > 1 else 0]
              for name in parts}
+    instruments.update(draw_synths(rng, parts, recipe.synths))
+    amp = None if "electric_guitar" in instruments else amp  # the synth's guitars bring their own tone
     with tempfile.TemporaryDirectory(dir=out_dir, prefix=".") as work:
         tracks = {}
         for name, part in parts.items():
@@ -244,6 +258,10 @@ def add_arguments(parser):
                         help="share of songs whose stems overlap in register: piano left hands and guitars' low "
                              "strings down where the bass plays, basses an octave up, low instruments doubling the "
                              "bass line, so that the sound, not the pitch, tells the stems apart (default 0)")
+    parser.add_argument("--synths", type=float, default=0.0, metavar="P",
+                        help="share of the piano, guitar and bass parts that one of a synthesizer's factory "
+                             "instruments plays instead (ZynAddSubFX's pianos, electric pianos, plucked and "
+                             "distorted guitars and basses, chosen per stem; default 0)")
     parser.add_argument("--jobs", type=int, default=os.cpu_count())
 
 
@@ -261,13 +279,13 @@ def run(args):
     acoustics = pick(args.acoustic, INSTRUMENTS["acoustic_guitar"], "acoustic guitar source")
     if not pianos or not acoustics:
         raise ValueError("--pianos and --acoustic must leave a source")
-    missing = missing_material(kits, amps, args.voices > 0, pianos)
+    missing = missing_material(kits, amps, args.voices > 0, pianos, args.synths)
     if missing:
         raise SystemExit("generate: the material needs the Debian packages %s (bash scripts/bootstrap.sh "
                          "--workshop installs all the workshop's material)" % ", ".join(missing))
     os.makedirs(args.out_dir, exist_ok=True)
     recipe = Recipe(tuple(banks), args.seed, args.seconds, args.production, tuple(kits), tuple(amps), args.voices,
-                    tuple(pianos), tuple(acoustics), args.spread)
+                    tuple(pianos), tuple(acoustics), args.spread, args.synths)
     jobs = [(args.out_dir, i, recipe) for i in range(args.first, args.first + args.songs)]
     with multiprocessing.Pool(max(1, args.jobs)) as pool:
         for done, path in enumerate(pool.imap_unordered(_make_song, jobs), 1):

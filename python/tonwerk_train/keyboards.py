@@ -70,10 +70,15 @@ def midi_events(notes, tempo):
     return [(at, data) for at, _, data in sorted(events, key=lambda event: event[:2])]
 
 
+def part_events(notes, tempo):
+    """The part's MIDI events and its length in frames, the release rung out after the last note off."""
+    events = midi_events(notes, tempo)
+    return events, (events[-1][0] if events else 0) + int(TAIL_SECONDS * SAMPLE_RATE)
+
+
 def play(notes, tempo, settings):
     """A part on the settings' instrument as float32 (2, n)."""
-    events = midi_events(notes, tempo)
-    length = (events[-1][0] if events else 0) + int(TAIL_SECONDS * SAMPLE_RATE)
+    events, length = part_events(notes, tempo)
     plugin = _instrument(SOURCES[settings["source"]][0])
     with quiet():
         out = plugin.process(np.zeros((0, length), np.float32), settings["controls"], events)

@@ -1,8 +1,9 @@
 """Pitched parts from a synthesizer's factory instruments: ZynAddSubFX
 (Debian's zynaddsubfx-lv2, GPL-2+) played through lv2_host. Its additive,
-subtractive and FM voices sound like no sample bank, so a stem's part heard through them teaches the network what
-a piano, a guitar or a bass does (attack, decay, harmonics, register)
-rather than how one bank's recordings of them sound.
+subtractive and FM voices sound like no sample bank, so a stem's part
+heard through them teaches the network what a piano, a guitar or a bass
+does (attack, decay, harmonics, register) rather than how one bank's
+recordings of them sound.
 
 Each stem draws from the instruments named for it below, chosen by name
 among the bundle's presets. A preset is the plugin's whole saved state (an
@@ -80,7 +81,7 @@ def bank_presets(bank):
     """{instrument name: saved state} of one preset file of the bundle."""
     with open(os.path.join(PRESET_DIR, bank + ".ttl"), encoding="utf-8") as file:
         text = file.read()
-    pattern = r'#preset_%s_\d+-([^>]*)>\s*state:state \[\s*<%s>\s*"""(.*?)"""' % (re.escape(bank), STATE_KEY)
+    pattern = r'#preset_%s_\d+-([^>]*)>\s*state:state \[\s*<%s>\s*"""(.*?)"""' % (re.escape(bank), re.escape(STATE_KEY))
     return {urllib.parse.unquote(name): state for name, state in re.findall(pattern, text, re.S)}
 
 
@@ -96,8 +97,7 @@ def play(notes, tempo, settings):
     states = bank_presets(settings["bank"])
     if settings["preset"] not in states:
         raise ValueError("no instrument %r among the %s presets" % (settings["preset"], settings["bank"]))
-    events = keyboards.midi_events(notes, tempo)
-    length = (events[-1][0] if events else 0) + int(keyboards.TAIL_SECONDS * SAMPLE_RATE)
+    events, length = keyboards.part_events(notes, tempo)
     with quiet():
         plugin = Plugin(URI, SAMPLE_RATE)
     try:
